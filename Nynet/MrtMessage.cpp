@@ -1,0 +1,7 @@
+#include "Nynet/MrtMessage.h"
+
+namespace Nynet {
+
+MrtMessage::~MrtMessage() = default;
+
+}  // namespace Nynet
