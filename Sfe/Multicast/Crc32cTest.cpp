@@ -1,0 +1,33 @@
+#include "Sfe/Multicast/Crc32c.h"
+
+#include <gtest/gtest.h>
+
+#include <string_view>
+#include <vector>
+
+namespace Sfe::Multicast {
+namespace {
+
+std::span<const std::byte> bytesOf(std::string_view text) {
+  return std::as_bytes(std::span(text.data(), text.size()));
+}
+
+TEST(Crc32c, givesThePublishedValues) {
+  EXPECT_EQ(crc32c(bytesOf("")), 0u);
+  EXPECT_EQ(crc32c(bytesOf("123456789")), 0xe3069283u);
+  const std::vector<std::byte> zeros(32);
+  EXPECT_EQ(crc32c(zeros), 0x8a9136aau);
+  const std::vector<std::byte> ones(32, std::byte{0xff});
+  EXPECT_EQ(crc32c(ones), 0x62a8ab43u);
+}
+
+TEST(Crc32c, goesOnWhereAnEarlierCallEnded) {
+  const std::string_view text = "a text that is longer than two words of eight bytes";
+  const uint32_t whole = crc32c(bytesOf(text));
+  for (size_t cut = 0; cut <= text.size(); ++cut) {
+    EXPECT_EQ(crc32c(bytesOf(text.substr(cut)), crc32c(bytesOf(text.substr(0, cut)))), whole);
+  }
+}
+
+}  // namespace
+}  // namespace Sfe::Multicast
