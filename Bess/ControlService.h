@@ -1,0 +1,146 @@
+// The control service: translates each request into the framework's own calls, runs them on the
+// control thread and translates the answer.
+//
+// Threads    : every operation on any of the server's threads; all work happens on the control
+// thread, in the order of
+//              arrival. The extensions are called there too.
+// Errors     : what a request did wrong is in the answer's error object; a call that comes while
+// the control thread
+//              ends has status UNAVAILABLE. A refused request leaves everything as it was.
+// Ownership  : refers to the control thread, which outlives the server that this service is
+// registered with.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "Bess/ControlThread.h"
+#include "protocol/bess.grpc.pb.h"
+
+namespace bess {
+
+// What the program around the framework adds. An operation that is left out is refused.
+struct ControlExtensions {
+  std::string version;
+  std::string pluginDirectory;  // of plug-ins named without a slash
+  bool spin = false;            // workers never sleep
+  std::function<void()> shutdown;
+  std::function<uint32_t(const std::string& name)> counterId;  // throws std::system_error
+  std::function<void(pb::CountersResponse* response)> counters;
+};
+
+class ControlService final : public pb::BESSControl::Service {
+ public:
+  ControlService(ControlThread& control, ControlExtensions extensions);
+
+  template <class Request, class Response>
+  using Handler = void (ControlService::*)(const Request&, Response*);
+
+  // The path of a plug-in as a request names it.
+  std::string pluginPath(const std::string& name) const;
+
+#define BESS_CONTROL_RPC(name, Request, Response)                                             \
+  grpc::Status name(grpc::ServerContext*, const pb::Request* request, pb::Response* response) \
+      override {                                                                              \
+    return run(&ControlService::handle##name, *request, response);                            \
+  }
+  BESS_CONTROL_RPC(GetVersion, EmptyRequest, VersionResponse)
+  BESS_CONTROL_RPC(Shutdown, EmptyRequest, EmptyResponse)
+  BESS_CONTROL_RPC(PauseAll, EmptyRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ResumeAll, EmptyRequest, EmptyResponse)
+  BESS_CONTROL_RPC(AddWorker, AddWorkerRequest, EmptyResponse)
+  BESS_CONTROL_RPC(DestroyWorker, DestroyWorkerRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListWorkers, EmptyRequest, ListWorkersResponse)
+  BESS_CONTROL_RPC(CreatePort, CreatePortRequest, CreatePortResponse)
+  BESS_CONTROL_RPC(DestroyPort, NameRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListPorts, EmptyRequest, ListPortsResponse)
+  BESS_CONTROL_RPC(GetPortStats, NameRequest, PortStatsResponse)
+  BESS_CONTROL_RPC(ListModuleClasses, EmptyRequest, ListModuleClassesResponse)
+  BESS_CONTROL_RPC(GetModuleClass, NameRequest, ModuleClassResponse)
+  BESS_CONTROL_RPC(CreateModule, CreateModuleRequest, CreateModuleResponse)
+  BESS_CONTROL_RPC(DestroyModule, NameRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListModules, EmptyRequest, ListModulesResponse)
+  BESS_CONTROL_RPC(GetModule, NameRequest, ModuleResponse)
+  BESS_CONTROL_RPC(ModuleCommand, ModuleCommandRequest, CommandResponse)
+  BESS_CONTROL_RPC(ConnectModules, ConnectRequest, EmptyResponse)
+  BESS_CONTROL_RPC(DisconnectModules, DisconnectRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListConnections, EmptyRequest, ListConnectionsResponse)
+  BESS_CONTROL_RPC(AddHook, HookRequest, EmptyResponse)
+  BESS_CONTROL_RPC(RemoveHook, HookRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListHooks, EmptyRequest, ListHooksResponse)
+  BESS_CONTROL_RPC(AttachTask, AttachTaskRequest, EmptyResponse)
+  BESS_CONTROL_RPC(DetachTask, TaskRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListTasks, EmptyRequest, ListTasksResponse)
+  BESS_CONTROL_RPC(LoadPlugin, PluginRequest, EmptyResponse)
+  BESS_CONTROL_RPC(UnloadPlugin, PluginRequest, EmptyResponse)
+  BESS_CONTROL_RPC(ListPlugins, EmptyRequest, ListPluginsResponse)
+  BESS_CONTROL_RPC(GetStats, EmptyRequest, StatsResponse)
+  BESS_CONTROL_RPC(CounterId, NameRequest, CounterIdResponse)
+  BESS_CONTROL_RPC(GetCounters, EmptyRequest, CountersResponse)
+#undef BESS_CONTROL_RPC
+
+ private:
+  // Runs a handler on the control thread; what it throws becomes the answer's error.
+  template <class Request, class Response>
+  grpc::Status run(Handler<Request, Response> handler, const Request& request, Response* response) {
+    return onControlThread([&] {
+      try {
+        (this->*handler)(request, response);
+      } catch (...) {
+        response->Clear();
+        *response->mutable_error() = currentError();
+      }
+    });
+  }
+  grpc::Status onControlThread(const std::function<void()>& work);
+  static pb::Error currentError();  // of the exception being handled
+
+  // All on the control thread.
+  void handleGetVersion(const pb::EmptyRequest& request, pb::VersionResponse* response);
+  void handleShutdown(const pb::EmptyRequest& request, pb::EmptyResponse* response);
+  void handlePauseAll(const pb::EmptyRequest& request, pb::EmptyResponse* response);
+  void handleResumeAll(const pb::EmptyRequest& request, pb::EmptyResponse* response);
+  void handleAddWorker(const pb::AddWorkerRequest& request, pb::EmptyResponse* response);
+  void handleDestroyWorker(const pb::DestroyWorkerRequest& request, pb::EmptyResponse* response);
+  void handleListWorkers(const pb::EmptyRequest& request, pb::ListWorkersResponse* response);
+  void handleCreatePort(const pb::CreatePortRequest& request, pb::CreatePortResponse* response);
+  void handleDestroyPort(const pb::NameRequest& request, pb::EmptyResponse* response);
+  void handleListPorts(const pb::EmptyRequest& request, pb::ListPortsResponse* response);
+  void handleGetPortStats(const pb::NameRequest& request, pb::PortStatsResponse* response);
+  void handleListModuleClasses(const pb::EmptyRequest& request,
+                               pb::ListModuleClassesResponse* response);
+  void handleGetModuleClass(const pb::NameRequest& request, pb::ModuleClassResponse* response);
+  void handleCreateModule(const pb::CreateModuleRequest& request,
+                          pb::CreateModuleResponse* response);
+  void handleDestroyModule(const pb::NameRequest& request, pb::EmptyResponse* response);
+  void handleListModules(const pb::EmptyRequest& request, pb::ListModulesResponse* response);
+  void handleGetModule(const pb::NameRequest& request, pb::ModuleResponse* response);
+  void handleModuleCommand(const pb::ModuleCommandRequest& request, pb::CommandResponse* response);
+  void handleConnectModules(const pb::ConnectRequest& request, pb::EmptyResponse* response);
+  void handleDisconnectModules(const pb::DisconnectRequest& request, pb::EmptyResponse* response);
+  void handleListConnections(const pb::EmptyRequest& request,
+                             pb::ListConnectionsResponse* response);
+  void handleAddHook(const pb::HookRequest& request, pb::EmptyResponse* response);
+  void handleRemoveHook(const pb::HookRequest& request, pb::EmptyResponse* response);
+  void handleListHooks(const pb::EmptyRequest& request, pb::ListHooksResponse* response);
+  void handleAttachTask(const pb::AttachTaskRequest& request, pb::EmptyResponse* response);
+  void handleDetachTask(const pb::TaskRequest& request, pb::EmptyResponse* response);
+  void handleListTasks(const pb::EmptyRequest& request, pb::ListTasksResponse* response);
+  void handleLoadPlugin(const pb::PluginRequest& request, pb::EmptyResponse* response);
+  void handleUnloadPlugin(const pb::PluginRequest& request, pb::EmptyResponse* response);
+  void handleListPlugins(const pb::EmptyRequest& request, pb::ListPluginsResponse* response);
+  void handleGetStats(const pb::EmptyRequest& request, pb::StatsResponse* response);
+  void handleCounterId(const pb::NameRequest& request, pb::CounterIdResponse* response);
+  void handleGetCounters(const pb::EmptyRequest& request, pb::CountersResponse* response);
+
+  // Constant after construction.
+  ControlThread& control_;
+  const ControlExtensions extensions_;
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+
+  // Control thread. A client's pause, beside those that the framework takes for each change.
+  bool paused_ = false;
+};
+
+}  // namespace bess
