@@ -1,0 +1,182 @@
+// Alerts to the control plane and their rate limits.
+
+#include <rte_byteorder.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "SfeModules/Mfib.h"
+
+namespace SfeModules {
+
+namespace {
+
+constexpr int64_t kNanosPerSecond = 1000000000;
+constexpr double kSecondsPerNano = 1e-9;
+constexpr uint32_t kInnerTableBuckets = 16;
+constexpr bool kDeferredFree = true;
+constexpr unsigned kMaxReviewedRoutes = 257;
+
+std::chrono::nanoseconds seconds(uint32_t count) {
+  return std::chrono::nanoseconds(count * kNanosPerSecond);
+}
+
+}  // namespace
+
+void v4MrtNotifyMessage(Orp::Ptr<Nynet::MrtMessage> msg, uint32_t source, uint32_t group) {
+  msg->sourceIs(Nynet::IpGenAddr(Nynet::IpAddr(rte_cpu_to_be_32(source))));
+  msg->groupIs(Nynet::IpGenAddr(Nynet::IpAddr(rte_cpu_to_be_32(group))));
+}
+
+void v6MrtNotifyMessage(Orp::Ptr<Nynet::MrtMessage> msg,
+                        const unsigned char* source,
+                        const unsigned char* group) {
+  msg->sourceIs(Nynet::IpGenAddr(nynetIp6Addr(source)));
+  msg->groupIs(Nynet::IpGenAddr(nynetIp6Addr(group)));
+}
+
+void Mfib::generateNoCacheAlert(Context* ctx,
+                                const MfibKey& key,
+                                Mfib_U64 iif,
+                                uint8_t ttl,
+                                TimePoint now) {
+  const bool noBuffering =
+      noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed) == 0;
+  const bool rateLimited = (ttl == 1 && toggleMfaWcFwdEnabled()) || noBuffering;
+  if (rateLimited && !canSendSgAlert(key, now)) {
+    return;
+  }
+  if (ipv4()) {
+    uint32_t source = 0;
+    uint32_t group = 0;
+    std::memcpy(&source, key.source.data(), sizeof(source));
+    std::memcpy(&group, key.group.data(), sizeof(group));
+    v4MrtNotifyMessage(noCacheMsg_, rte_be_to_cpu_32(source), rte_be_to_cpu_32(group));
+  } else {
+    v6MrtNotifyMessage(noCacheMsg_, key.source.data(), key.group.data());
+  }
+  bessCounterInc(ctx->wid, noCacheCounterId_);
+  notifySocket_->txMrtNotificationWithIntfId(noCacheMsg_, iif.value);
+}
+
+// An alert goes out when at least the interval has passed since the last one, in floating-point
+// seconds. A clock that was stepped back makes the elapsed time negative: smaller than the
+// interval.
+bool Mfib::canSendSgAlert(const MfibKey& key, TimePoint now) {
+  if (const TimePoint* last = sgAlertTable_->find(key); last != nullptr) {
+    const int64_t elapsed = (now - *last).count();
+    if (static_cast<double>(elapsed) * kSecondsPerNano <
+        static_cast<double>(noCacheSuppressionTimer_.load(std::memory_order_relaxed))) {
+      return false;
+    }
+  }
+  sgAlertTable_->insert(key, now);
+  return true;
+}
+
+// An alert goes out strictly after the interval, in integer nanoseconds, or at once when the route
+// was programmed since.
+bool Mfib::canAlertWrongVif(const MfibKey& key, Mfib_U64 iif, const MfibPvSet& entry) const {
+  const std::shared_ptr<AlertTimes>* perIntf = wrongVifTimestampTable_->find(key);
+  if (perIntf == nullptr) {
+    return true;
+  }
+  const std::shared_ptr<AlertTimes> times = *perIntf;  // a review may take the outer entry away
+  const TimePoint* last = times->find(iif.value);
+  if (last == nullptr || entry.createTime >= *last) {
+    return true;
+  }
+  return Clock::now() > *last + seconds(wrongVifAlertInterval_);
+}
+
+void Mfib::addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now) {
+  std::shared_ptr<AlertTimes> times;
+  if (const std::shared_ptr<AlertTimes>* found = wrongVifTimestampTable_->find(key);
+      found != nullptr) {
+    times = *found;
+  } else {
+    times = std::make_shared<AlertTimes>(kInnerTableBuckets, kDeferredFree, kInnerTableBuckets);
+    wrongVifTimestampTable_->insert(key, times);
+  }
+  times->insert(iif, now);
+}
+
+bool Mfib::sgAlertCleanup() {
+  if (sgAlertTable_ == nullptr) {
+    return false;
+  }
+  const TimePoint cutoff =
+      Clock::now() - seconds(noCacheSuppressionTimer_.load(std::memory_order_relaxed));
+  bool erased = false;
+  uint32_t examined = 0;
+  for (auto it = sgAlertTable_->begin(); it != sgAlertTable_->end();) {
+    const MfibKey& key = it.key();
+    const TimePoint last = it.value();
+    const auto current = it;
+    ++it;
+    // Within its interval an alert time is kept, unless the route has come: then nobody asks for it
+    // any more.
+    if (cutoff >= last || mfib_->contains(key)) {
+      sgAlertTable_->eraseNode(current);
+      erased = true;
+    }
+    if (++examined == sgAlertCleanupLimit_) {
+      break;
+    }
+  }
+  return erased;
+}
+
+namespace {
+
+// Erases the times before `cutoff`. Returns: whether one was kept, and whether one was erased.
+template <class Times>
+std::pair<bool, bool> pruneTimes(Times& times, TimePoint cutoff) {
+  bool kept = false;
+  bool erased = false;
+  for (auto it = times.begin(); it != times.end();) {
+    const TimePoint last = it.value();
+    const auto current = it;
+    ++it;
+    if (last >= cutoff) {
+      kept = true;
+    } else {
+      times.eraseNode(current);
+      erased = true;
+    }
+  }
+  return {kept, erased};
+}
+
+}  // namespace
+
+bool Mfib::wrongVifTimestampReview() {
+  if (runTaskCount_.load(std::memory_order_relaxed) % (2 * wrongVifAlertInterval_) != 0) {
+    return false;
+  }
+  if (wrongVifTimestampTable_ == nullptr) {
+    return false;
+  }
+  bool erasedAny = false;
+  unsigned examined = 0;
+  TimePoint cutoff;
+  for (auto it = wrongVifTimestampTable_->begin(); it != wrongVifTimestampTable_->end();) {
+    if (examined == 0) {
+      cutoff = Clock::now() - seconds(wrongVifAlertInterval_);
+    }
+    const std::shared_ptr<AlertTimes> times = it.value();
+    const auto current = it;
+    ++it;
+    const auto [kept, erased] = pruneTimes(*times, cutoff);
+    if (!kept) {
+      wrongVifTimestampTable_->eraseNode(current);
+    }
+    erasedAny = erasedAny || erased || !kept;
+    if (++examined == kMaxReviewedRoutes) {
+      break;
+    }
+  }
+  return erasedAny;
+}
+
+}  // namespace SfeModules

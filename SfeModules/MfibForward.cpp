@@ -1,0 +1,420 @@
+// The packet path: look-up and the fate of one packet, step by step in the order of the forwarding
+// rules.
+
+#include <glog/logging.h>
+#include <rte_byteorder.h>
+#include <rte_mbuf.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "Bess/Task.h"
+#include "Nynet/Pkt.h"
+#include "Nynet/VlanIntfId.h"
+#include "SfeModules/CounterEntries.h"
+#include "SfeModules/Mfib.h"
+
+namespace SfeModules {
+
+namespace {
+
+constexpr uint8_t kTtlOfWildcardAlert = 1;
+constexpr uint16_t kIpv4RegisterBytes =
+    kIpv4MinLen + kPimRegisterLen;  // taken off on decapsulation
+constexpr uint16_t kIpv6RegisterBytes = kIpv6Len + kPimRegisterLen;
+constexpr uint32_t kDscpMask = 0xfc;
+constexpr uint32_t kEcnMask = 0x03;
+constexpr unsigned kQosMarkShift = 4;
+
+// Takes an encapsulation of `bytes` off the front, when the first segment holds it.
+void advance(bess::Packet* pkt, uint16_t bytes) {
+  if (pkt->headLen() < bytes) {
+    return;
+  }
+  if (pkt->totalLen() < bytes) {
+    pkt->mendTotalLen();  // it was held: its total is its last segment's
+  }
+  pkt->adj(bytes);
+}
+
+// Copies `length` bytes from `offset` on, over all segments. What the packet does not hold stays as
+// it is in `to`.
+void copyOut(bess::Packet* pkt, size_t offset, uint8_t* to, size_t length) {
+  for (const rte_mbuf* segment = pkt->mbuf(); segment != nullptr && length > 0;
+       segment = segment->next) {
+    if (offset >= segment->data_len) {
+      offset -= segment->data_len;
+      continue;
+    }
+    const size_t part = std::min<size_t>(length, segment->data_len - offset);
+    std::memcpy(to, rte_pktmbuf_mtod_offset(segment, const uint8_t*, offset), part);
+    to += part;
+    length -= part;
+    offset = 0;
+  }
+}
+
+uint32_t hostOrder(const AddrBytes& ipv4) {
+  uint32_t word = 0;
+  std::memcpy(&word, ipv4.data(), sizeof(word));
+  return rte_be_to_cpu_32(word);
+}
+
+bool permits(uint8_t gateSelect, uint16_t gate) {
+  return gateSelect == 0 || Mfib::isAllowedOutGate(gate);
+}
+
+}  // namespace
+
+Nynet::IpGenAddr Mfib::addrArrayToGenAddr(const unsigned char* bytes, unsigned int af) {
+  return {af == kAfIpv4 ? Nynet::AddressFamily::kIpv4 : Nynet::AddressFamily::kIpv6, bytes};
+}
+
+Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
+  MfibKey search = MfibKey::of(key.source.data(), key.group.data(), addrLen_);
+  if (const std::shared_ptr<MfibPvSet>* route = mfib_->find(search); route != nullptr) {
+    return {route->get(), Match::kSourceGroup, search};
+  }
+  if (!toggleMfaWcFwdEnabled()) {
+    return {nullptr, Match::kNone, search};
+  }
+  search.source = {};
+  const std::shared_ptr<MfibPvSet>* route = mfib_->find(search);
+  if (route != nullptr && (*route)->iif.value() == iif.value) {
+    return {route->get(), Match::kWildcard, search};
+  }
+  return {nullptr, Match::kNone, search};
+}
+
+bool Mfib::ProcessPacket(Context* ctx,
+                         bess::Packet* pkt,
+                         bool reinjected,
+                         OutputBatchMap& map,
+                         TimePoint now) {
+  const ForwardingMetadata& arrived = metadataOf(pkt);
+  PacketWork work{ctx,
+                  pkt,
+                  now,
+                  map,
+                  reinjected,
+                  arrived.inIntfOrZero(),
+                  arrived.carriedWord1OrZero(),
+                  arrived.carriedWord2OrZero()};
+  const bool mcastIntf = multicastIntfTable_->contains(work.inIntf);
+  work.inCounters = &countingEntry(*intfCounterTable_, work.inIntf);
+  if (!reinjected) {
+    work.inCounters->pktsIn += 1;
+    work.inCounters->bytesIn += pkt->totalLen();
+  }
+
+  if (const Parsed parsed = parse(work); parsed != Parsed::kOk) {
+    drop(work, parsed == Parsed::kCutOff ? Fate::kDropCutOff : Fate::kDropPim);
+    return finish(work);
+  }
+  const MfibKey& key = work.headers.key;
+  if (!isRoutableGroup(key.group, ipv4())) {
+    return passUnchanged(work);
+  }
+  if (addrArrayToGenAddr(key.group.data(), af_).isLinkLocalMulticast()) {
+    drop(work, Fate::kDropLinkLocal);
+    return finish(work);
+  }
+  if (!mcastIntf && !work.headers.encap) {
+    bessCounterInc(ctx->wid, nonMcastIifCounterId_);
+    drop(work, Fate::kDropNonMulticastIntf);
+    return finish(work);
+  }
+
+  const LookupResult match = lookup(key, {work.inIntf});
+  if (match.status == Match::kNone) {
+    return handleMissingRoute(work);
+  }
+  if (match.status == Match::kWildcard) {
+    generateNoCacheAlert(ctx, key, {work.inIntf}, kTtlOfWildcardAlert, now);
+  }
+  // Counted under the packet's own (S,G), also when the (*,G) entry is used.
+  work.routeCounters = &countingEntry(*mrouteCounterTable_, key);
+  work.routeCounters->pktsIn += 1;
+  work.routeCounters->bytesIn += pkt->totalLen();
+  applyRoute(work, *match.entry);
+  return finish(work);
+}
+
+Parsed Mfib::parse(PacketWork& work) const {
+  if (ipv4()) {
+    return parseIpv4(work.pkt, modeFlag_ ? kEtherLen : 0, work.headers);
+  }
+  return parseIpv6(work.pkt, work.headers);
+}
+
+// Not multicast, or link-local IPv6: not ours. It leaves by gate 0 at once, as it came.
+bool Mfib::passUnchanged(PacketWork& work) {
+  bess::PacketBatch* alone = work.ctx->task->AllocPacketBatch();
+  alone->add(work.pkt);
+  fates_.count(work.ctx->wid, Fate::kPassed);
+  RunChooseModule(work.ctx, 0, alone);
+  return false;
+}
+
+// Returns: what ProcessPacket returns.
+bool Mfib::handleMissingRoute(PacketWork& work) {
+  const Mfib_U64 iif{work.inIntf};
+  const MfibKey& key = work.headers.key;
+  const uint8_t ttl = work.headers.ttl;
+  if (ttl == 1) {
+    generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+  }
+  if (ttl <= 1 || work.reinjected) {
+    drop(work, ttl <= 1 ? Fate::kDropTtl : Fate::kDropNoRoute);
+    return finish(work);
+  }
+  if (noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed) == 0) {
+    generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+    drop(work, Fate::kDropNoRoute);
+    return finish(work);
+  }
+  if (!noCacheMgr_->addEntryIntoCache(key, work.pkt, work.inIntf)) {
+    drop(work, Fate::kDropCacheFull);
+    return finish(work);
+  }
+  fates_.count(work.ctx->wid, Fate::kHeld);
+  generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+  bess::Packet::Free(work.pkt);  // the cache holds its own copy
+  return true;
+}
+
+// The interface check, and what follows from it.
+void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
+  if (work.headers.decap) {
+    if (entry.iifRegister) {
+      forward(work, entry);
+    } else {
+      work.routeCounters->pktsDropped += 1;
+      drop(work, Fate::kDropNotRegister);
+    }
+    return;
+  }
+  if (work.inIntf != entry.iif.value() || (entry.iifRegister && modeFlag_)) {
+    considerWrongVif(work, entry);
+    work.routeCounters->pktsDropped += 1;
+    drop(work, Fate::kDropWrongIntf);
+    return;
+  }
+  // A native packet of a register route is forwarded and still looked at as one on the wrong
+  // interface.
+  if (forward(work, entry) == Forwarded::kHandled && entry.iifRegister) {
+    considerWrongVif(work, entry);
+  }
+}
+
+void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
+  const MfibKey& key = work.headers.key;
+  if (!canAlertWrongVif(key, {work.inIntf}, entry)) {
+    return;
+  }
+  fillMessage(wrongVifMsg_, work);
+  bessCounterInc(work.ctx->wid, wrongVifCounterId_);
+  work.routeCounters->wrongVif += 1;
+  try {
+    addWrongVifTimestamp(key, work.inIntf, work.now);
+  } catch (const std::exception&) {
+    return;  // out of memory: without its time an alert would go out for every packet
+  }
+  notifySocket_->txMrtNotificationWithIntfId(wrongVifMsg_, work.inIntf);
+}
+
+// The addresses of the header in use.
+void Mfib::fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork& work) const {
+  const MfibKey& key = work.headers.key;
+  if (ipv4()) {
+    v4MrtNotifyMessage(msg, hostOrder(key.source), hostOrder(key.group));
+  } else {
+    v6MrtNotifyMessage(msg, key.source.data(), key.group.data());
+  }
+}
+
+Mfib::Forwarded Mfib::forward(PacketWork& work, const MfibPvSet& entry) {
+  if (work.headers.ttl <= 1) {
+    drop(work, Fate::kDropTtl);
+    return Forwarded::kTtlExpired;
+  }
+  if (entry.oifRegister) {
+    sendWholePacket(work);
+  }
+  if (entry.numOifs == 0) {
+    work.routeCounters->pktsDropped += 1;
+    drop(work, Fate::kDropNoOifs);
+    return Forwarded::kHandled;
+  }
+  rewriteIp(work);
+  replicate(work, entry);
+  return Forwarded::kHandled;
+}
+
+// The control plane gets the whole IP packet; its rate is not limited. A length field that claims
+// more than the packet holds gets what is there, and zeroes.
+void Mfib::sendWholePacket(PacketWork& work) {
+  const HeaderReader reader(work.pkt);
+  const size_t ip = work.headers.ipOffset;
+  const size_t lengthField =
+      ip + (ipv4() ? offsetof(rte_ipv4_hdr, total_length) : offsetof(rte_ipv6_hdr, payload_len));
+  unsigned length = (reader.byte(lengthField) << 8U) | reader.byte(lengthField + 1);
+  if (!ipv4()) {
+    length += kIpv6Len;
+  }
+  Orp::Ptr<Nynet::Pkt> whole;
+  try {
+    whole = Nynet::globalPktManager()->newPkt();
+    copyOut(work.pkt, ip, whole->newSharedHeadData(length), length);
+  } catch (const std::bad_alloc&) {
+    return;  // the packet itself goes on
+  }
+  fillMessage(wholePktMsg_, work);
+  wholePktMsg_->pktIs(whole);
+  bessCounterInc(work.ctx->wid, wholePktCounterId_);
+  notifySocket_->txMrtNotificationWithIntfId(wholePktMsg_, work.inIntf);
+}
+
+void Mfib::rewriteIp(PacketWork& work) const {
+  bess::Packet* pkt = work.pkt;
+  if (!ipv4()) {
+    if (work.headers.decap) {
+      advance(pkt, kIpv6RegisterBytes);
+      writeEtherType(pkt->headData<uint8_t*>(), RTE_ETHER_TYPE_IPV6);
+    }
+    decrementByte(pkt->headData<uint8_t*>() + kEtherLen + offsetof(rte_ipv6_hdr, hop_limits));
+    return;
+  }
+  if (work.headers.decap) {
+    advance(pkt, kIpv4RegisterBytes);
+    if (modeFlag_) {
+      writeEtherType(pkt->headData<uint8_t*>(), RTE_ETHER_TYPE_IPV4);
+    }
+  }
+  uint8_t* ip = pkt->headData<uint8_t*>() + (modeFlag_ ? kEtherLen : 0);
+  if (!modeFlag_) {
+    uint8_t& tos = ip[offsetof(rte_ipv4_hdr, type_of_service)];
+    const uint32_t dscp = (metadataOf(pkt).qosMarkOrZero() >> kQosMarkShift) & kDscpMask;
+    tos = static_cast<uint8_t>(dscp | (tos & kEcnMask));
+  }
+  decrementByte(ip + offsetof(rte_ipv4_hdr, time_to_live));
+  writeIpv4Checksum(ip);
+}
+
+// The packet itself goes to the first interface, after its own rewrite; copies made of it go to the
+// others.
+void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
+  const uint8_t gateSelect = modeFlag_ ? metadataOf(work.pkt).gateSelectOrZero() : uint8_t{0};
+  sendOriginal(work, entry, gateSelect);
+  for (uint32_t i = 1; i < entry.numOifs; ++i) {
+    sendCopy(work, entry, i, gateSelect);
+  }
+}
+
+void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
+  const Nynet::IntfId oif = entry.oifs[0];
+  const auto gate = static_cast<uint16_t>(entry.oifGates[0]);
+  IntfCounterEntry& counters = countingEntry(*intfCounterTable_, oif.value());
+  ForwardingMetadata& meta = metadataOf(work.pkt);
+  if (modeFlag_ || !ipv4()) {
+    rewriteLink(work.pkt, entry);
+  } else {
+    meta.encapHint = kEncapHintIp;
+    meta.presence |= kHasEncapHint;
+  }
+  if (!permits(gateSelect, gate)) {
+    drop(work, Fate::kDropGate);  // it stays the source of the copies
+    return;
+  }
+  counters.pktsOut += 1;
+  counters.bytesOut += work.pkt->totalLen();
+  meta.vlanId = Nynet::VlanIntfId::vlanId(oif);
+  meta.vrfId = vrfId_;
+  meta.outIntf = oif.value();
+  meta.presence |= kHasVrfId | kHasOutIntf | kHasVlanId;
+  fates_.count(work.ctx->wid, Fate::kForwarded);
+  appendTo(work, work.pkt, oif, gate);
+}
+
+void Mfib::sendCopy(PacketWork& work, const MfibPvSet& entry, uint32_t index, uint8_t gateSelect) {
+  const Nynet::IntfId oif = entry.oifs[index];
+  const auto gate = static_cast<uint16_t>(entry.oifGates[index]);
+  IntfCounterEntry& counters = countingEntry(*intfCounterTable_, oif.value());
+  if (!permits(gateSelect, gate)) {
+    return;
+  }
+  bess::Packet* copy = copyOf(work.pkt);
+  if (copy == nullptr) {
+    fates_.count(work.ctx->wid, Fate::kCopyFailed);
+    return;  // the pool is dry: this interface goes without
+  }
+  fates_.count(work.ctx->wid, Fate::kCopied);
+  counters.pktsOut += 1;
+  counters.bytesOut += copy->totalLen();
+  ForwardingMetadata& meta = metadataOf(copy);
+  meta.carriedByte = meta.carriedByteOrZero();
+  meta.vlanId = Nynet::VlanIntfId::vlanId(oif);
+  meta.carriedWord1 = work.carriedWord1;
+  meta.carriedWord2 = work.carriedWord2;
+  meta.vrfId = vrfId_;
+  meta.gateSelect = gateSelect;
+  meta.inIntf = work.inIntf;
+  meta.outIntf = oif.value();
+  meta.presence |= kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
+                   kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2;
+  if (!modeFlag_ && ipv4()) {
+    meta.encapHint = kEncapHintIp;
+    meta.presence |= kHasEncapHint;
+  }
+  appendTo(work, copy, oif, gate);
+}
+
+void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
+  auto* ether = pkt->headData<rte_ether_hdr*>();
+  const uint64_t bridgeMac = bridgeMac_.load(std::memory_order_relaxed);
+  std::memcpy(&ether->dst_addr, entry.dstMac.data(), kMacLen);
+  std::memcpy(&ether->src_addr, &bridgeMac, kMacLen);
+}
+
+// A copy carries the arriving packet's metadata and nothing of an earlier packet.
+bess::Packet* Mfib::copyOf(bess::Packet* pkt) const {
+  if (pkt->isLinear()) {
+    return bess::Packet::copy(pkt);
+  }
+  return bess::Packet::clone(pkt);
+}
+
+void Mfib::appendTo(PacketWork& work, bess::Packet* pkt, Nynet::IntfId oif, uint16_t gate) {
+  bess::PacketBatch*& outBatch = work.map[IntfGateKey{oif.value(), gate}];
+  if (outBatch == nullptr) {
+    outBatch = work.ctx->task->AllocPacketBatch();
+  }
+  CHECK(!outBatch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
+  outBatch->add(pkt);
+}
+
+void Mfib::drop(PacketWork& work, Fate reason) {
+  fates_.count(work.ctx->wid, reason);
+  addToDeadBatch(work.ctx, work.pkt, work.deadBatch);
+}
+
+void Mfib::addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch) {
+  if (deadBatch == nullptr) {
+    deadBatch = ctx->task->AllocPacketBatch();
+  }
+  deadBatch->add(pkt);
+}
+
+bool Mfib::finish(PacketWork& work) {
+  if (work.deadBatch == nullptr) {
+    return true;
+  }
+  work.inCounters->pktsDropped += 1;
+  bess::Packet::Free(work.pkt);
+  work.deadBatch->clear();
+  return false;
+}
+
+}  // namespace SfeModules

@@ -1,0 +1,86 @@
+#include "SfeModules/MfibTypes.h"
+
+#include <charconv>
+
+namespace SfeModules {
+
+MfibPvSet::MfibPvSet(uint32_t oifCount) : numOifs(oifCount), createTime(Clock::now()) {
+  if (oifCount > 0) {
+    oifGates = std::make_unique<uint32_t[]>(oifCount);
+    oifs = std::make_unique<Nynet::IntfId[]>(oifCount);
+  }
+}
+
+Nynet::IpAddr nynetIpAddr(const unsigned char* bytes) {
+  uint32_t value = 0;
+  std::memcpy(&value, bytes, sizeof(value));
+  return Nynet::IpAddr(value);
+}
+
+Nynet::Ip6Addr nynetIp6Addr(const unsigned char* bytes) {
+  Nynet::Ip6Addr addr;
+  addr.copyFromBuffer(bytes);
+  return addr;
+}
+
+Nynet::IpGenPrefix nynetIpGenPrefix(unsigned int af, const unsigned char* bytes) {
+  if (af == kAfIpv4) {
+    return {Nynet::IpGenAddr(nynetIpAddr(bytes)), 32};
+  }
+  return {Nynet::IpGenAddr(nynetIp6Addr(bytes)), 128};
+}
+
+Routing::Multicast::Fib::IpGenRouteKey ipGenRouteKey(Nynet::IpGenPrefix first,
+                                                     Nynet::IpGenPrefix second) {
+  return {first, second};
+}
+
+Routing::Multicast::Fib::IpGenRouteKey ipGenRouteKey(unsigned int af, const MfibKey& key) {
+  return ipGenRouteKey(nynetIpGenPrefix(af, key.source.data()),
+                       nynetIpGenPrefix(af, key.group.data()));
+}
+
+MacAddr multicastMac(unsigned int af, const AddrBytes& group) {
+  if (af == kAfIpv4) {
+    return {0x01, 0x00, 0x5e, static_cast<uint8_t>(group[1] & 0x7f), group[2], group[3]};
+  }
+  return {0x33, 0x33, group[12], group[13], group[14], group[15]};
+}
+
+namespace {
+
+void appendDecimal(std::string& text, unsigned value) {
+  std::array<char, 12> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
+  auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
+  text.append(digits.data(), end);
+}
+
+}  // namespace
+
+void appendAddr(std::string& text, const unsigned char* addr, unsigned int af) {
+  constexpr char kHex[] = "0123456789abcdef";
+  constexpr unsigned kIpv6 = 2;
+  const unsigned length = af == kAfIpv4 ? kIpv4AddrLen : kIpv6AddrLen;
+  for (unsigned i = 0; i < length; ++i) {
+    if (af == kIpv6) {
+      text += kHex[addr[i] >> 4];
+      text += kHex[addr[i] & 0xf];
+      if (i % 2 == 1 && i + 1 < length) {
+        text += ':';
+      }
+      continue;
+    }
+    appendDecimal(text, addr[i]);
+    if (af == kAfIpv4 && i + 1 < length) {
+      text += '.';
+    }
+  }
+}
+
+std::string addrArrayToStr(const unsigned char* addr, unsigned int af) {
+  std::string text;
+  appendAddr(text, addr, af);
+  return text;
+}
+
+}  // namespace SfeModules

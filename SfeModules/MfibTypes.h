@@ -1,0 +1,194 @@
+// The module's shared vocabulary: route key, route entry, counter entries, address helpers.
+//
+// Ownership  : a route entry and a counter entry are held by std::shared_ptr in their tables.
+// Invariants :
+//   (1) a key is built from a zero-filled record: every one of its 32 bytes is defined, so keys are
+//   compared and hashed
+//       as raw bytes.
+//   (2) a route entry never changes after it was put into the route table.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Base/Bindle/UnorderedMapTransient.h"
+#include "Base/Orp/Hash.h"
+#include "Bess/Packet.h"
+#include "Bess/PacketBatch.h"
+#include "Nynet/Address.h"
+#include "Nynet/IntfId.h"
+#include "Nynet/Prefix.h"
+#include "Routing/Multicast/Fib/IpGenRouteKey.h"
+#include "SfeModules/Clock.h"
+
+namespace SfeModules {
+
+inline constexpr uint32_t kAfIpv4 = 1;  // any other value of an instance's address family is IPv6
+inline constexpr uint32_t kIpv4AddrLen = 4;
+inline constexpr uint32_t kIpv6AddrLen = 16;
+inline constexpr size_t kMacLen = 6;
+
+using AddrBytes = std::array<uint8_t, 16>;  // network byte order; an IPv4 address fills the first
+                                            // 4, the rest is 0
+using MacAddr = std::array<uint8_t, kMacLen>;
+
+// Key of the route table and of every table that is kept per route. An all-zero source is the (*,G)
+// route.
+struct MfibKey {
+  AddrBytes source{};
+  AddrBytes group{};
+
+  // Requires: `addrLen` (4 or 16) bytes at both pointers.
+  static MfibKey of(const uint8_t* source, const uint8_t* group, uint32_t addrLen) {
+    MfibKey key;
+    std::memcpy(key.source.data(), source, addrLen);
+    std::memcpy(key.group.data(), group, addrLen);
+    return key;
+  }
+
+  friend bool operator==(const MfibKey&, const MfibKey&) = default;
+};
+static_assert(sizeof(MfibKey) == 32);
+
+// An interface id beside a key: the interface that a packet arrived on.
+struct Mfib_U64 {
+  uint64_t value = 0;
+};
+
+// The forwarding entry of one route.
+struct MfibPvSet {
+  explicit MfibPvSet(uint32_t oifCount);
+
+  Nynet::IntfId iif;
+  Nynet::IntfId iifFrr;    // stored and shown; the packet path does not use it
+  Nynet::IntfId notify;    // likewise
+  Nynet::IntfId fastdrop;  // likewise
+  bool toCpu = false;      // likewise
+  bool iifRegister = false;
+  bool oifRegister = false;
+  uint32_t numOifs = 0;
+  std::unique_ptr<uint32_t[]>
+      oifGates;  // numOifs long; oifGates[i] reaches oifs[i]; null without interfaces
+  std::unique_ptr<Nynet::IntfId[]> oifs;
+  MacAddr dstMac{};
+  TimePoint createTime;
+};
+
+// A counter that several workers add to: the instructions of a plain `+= n`, with its lost updates
+// under contention, and no data race.
+class Counter32 {
+ public:
+  Counter32& operator+=(uint32_t amount) {
+    value_.store(value_.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+    return *this;
+  }
+  Counter32& operator=(uint32_t value) {
+    value_.store(value, std::memory_order_relaxed);
+    return *this;
+  }
+  // NOLINTNEXTLINE(google-explicit-constructor): reads like the field that it is
+  operator uint32_t() const { return value_.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<uint32_t> value_{0};
+};
+
+// Life of a counter entry, as publication sees it.
+enum CounterState : uint32_t {
+  kCounterNew = 0,
+  kCounterWithdrawn = 1,  // publication deletes the shared record
+  kCounterRevived = 2,    // counted into after a withdrawal: the shared record restarts from zero
+};
+
+// What was counted for an interface since the last publication.
+struct IntfCounterEntry {
+  Counter32 pktsIn;
+  Counter32 pktsOut;
+  Counter32 bytesIn;
+  Counter32 bytesOut;
+  Counter32 pktsQueued;  // a change: +1 when held, -1 when freed; wraps below zero
+  Counter32 pktsDropped;
+  Counter32 state;
+
+  std::array<uint32_t, 6> counts() const {
+    return {pktsIn, pktsOut, bytesIn, bytesOut, pktsQueued, pktsDropped};
+  }
+};
+
+// What was counted for a route since the last publication.
+struct MrouteCounterEntry {
+  Counter32 pktsIn;
+  Counter32 bytesIn;
+  Counter32 wrongVif;
+  Counter32 pktsQueued;  // a change, as above
+  Counter32 pktsDropped;
+  Counter32 state;
+
+  std::array<uint32_t, 5> counts() const {
+    return {pktsIn, bytesIn, wrongVif, pktsQueued, pktsDropped};
+  }
+};
+
+// Every fetch of an entry for counting revives a withdrawn one.
+template <class Entry>
+Entry& revive(Entry& entry) {
+  if (entry.state == kCounterWithdrawn) {
+    entry.state = kCounterRevived;
+  }
+  return entry;
+}
+
+// Key of the map from (outgoing interface, output gate) to the batch that is being filled for it.
+struct IntfGateKey {
+  uint64_t intfId = 0;
+  uint16_t gate = 0;
+
+  friend bool operator==(const IntfGateKey&, const IntfGateKey&) = default;
+};
+
+struct IntfGateKeyHash {
+  size_t operator()(const IntfGateKey& key) const noexcept {
+    Orp::Hash hash;
+    hash.hashMix(key.intfId);
+    hash.hashMix(key.gate);
+    return hash.result();
+  }
+};
+
+using OutputBatchMap =
+    Bindle::UnorderedMapTransient<IntfGateKey, bess::PacketBatch*, IntfGateKeyHash>;
+
+// The IPv4 address of the four bytes as they stand. Requires: 4 (16) readable bytes.
+Nynet::IpAddr nynetIpAddr(const unsigned char* bytes);
+Nynet::Ip6Addr nynetIp6Addr(const unsigned char* bytes);
+
+// A host prefix: /32 over the first 4 bytes when `af` is 1, else /128 over 16 bytes.
+Nynet::IpGenPrefix nynetIpGenPrefix(unsigned int af, const unsigned char* bytes);
+
+// The key of the shared counter tables: source prefix first, group prefix second.
+Routing::Multicast::Fib::IpGenRouteKey ipGenRouteKey(Nynet::IpGenPrefix first,
+                                                     Nynet::IpGenPrefix second);
+
+// The same for a route key of an instance of family `af`.
+Routing::Multicast::Fib::IpGenRouteKey ipGenRouteKey(unsigned int af, const MfibKey& key);
+
+// The multicast MAC address of a group: RFC 1112 section 6.4 for `af` 1, RFC 2464 section 7
+// otherwise.
+MacAddr multicastMac(unsigned int af, const AddrBytes& group);
+
+// Text of an address as the state file shows it: dotted decimal for `af` 1; eight groups of four
+// hexadecimal digits for `af` 2; 16 decimal numbers without separators for any other value.
+// Requires: 4 (else 16) readable bytes.
+std::string addrArrayToStr(const unsigned char* addr, unsigned int af);
+
+// The same, appended, without a temporary.
+void appendAddr(std::string& text, const unsigned char* addr, unsigned int af);
+
+}  // namespace SfeModules
