@@ -1,0 +1,112 @@
+#include "bessd/Options.h"
+
+#include <ostream>
+#include <set>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "Bess/ControlSocket.h"
+#include "Bess/PacketPool.h"
+#include "Bess/Types.h"
+
+namespace Bessd {
+namespace {
+
+constexpr int kExitUsage = 2;
+constexpr uint32_t kMaxCore = 1023;
+
+// What the parser fills and what needs a second look.
+struct Raw {
+  uint32_t publishMs = 1000;
+  std::string eal;
+  bool foreground = true;
+};
+
+void addControlOptions(CLI::App& app, Options& options) {
+  app.add_option("--socket", options.socket, "Unix socket of the control service")
+      ->capture_default_str();
+  app.add_option("--listen", options.listen, "Also listen on HOST:PORT of the loopback");
+}
+
+void addResourceOptions(CLI::App& app, Options& options, Raw& raw) {
+  app.add_option("-w,--workers", options.workers, "Start workers on these cores: 0,1,...")
+      ->delimiter(',')
+      ->check(CLI::Range(0u, kMaxCore));
+  app.add_option("--memory", options.memoryMb, "Memory of the packet library in MB")
+      ->check(CLI::Range(64u, 1u << 20))
+      ->capture_default_str();
+  app.add_flag("--huge", options.hugePages, "Take that memory from huge pages");
+  app.add_option("--packets", options.packets, "Packet buffers of each memory node")
+      ->check(CLI::Range(1023u, 1u << 24))
+      ->capture_default_str();
+  app.add_option("--data-room", options.dataRoom, "Bytes that a packet buffer holds")
+      ->check(CLI::Range(256u, bess::PacketPool::kMaxDataRoom))
+      ->capture_default_str();
+  app.add_option("--eal", raw.eal, "More words for the packet library, separated by spaces");
+  app.add_flag("--spin", options.spin, "Idle workers poll without ever sleeping");
+}
+
+void addRunOptions(CLI::App& app, Options& options, Raw& raw) {
+  app.add_option("--plugin-dir", options.pluginDirectory, "Where plug-ins named without / are")
+      ->capture_default_str();
+  app.add_option("--plugin", options.plugins, "Load this plug-in at start; repeated");
+  app.add_option("--toggles", options.toggles, "Directory of feature toggles");
+  app.add_option("--publish-period", raw.publishMs, "Milliseconds between counter publications")
+      ->check(CLI::Range(1u, 3'600'000u))
+      ->capture_default_str();
+  app.add_option("--log-level", options.logLevel, "0 information, 1 warnings, 2 errors")
+      ->check(CLI::Range(0, 2))
+      ->capture_default_str();
+  app.add_flag("--foreground", raw.foreground, "Stay in the foreground (always so)");
+  app.set_version_flag("--version", "bessd " SFE_VERSION);
+}
+
+void finish(Options& options, const Raw& raw) {
+  options.publishPeriod = std::chrono::milliseconds(raw.publishMs);
+  std::istringstream words(raw.eal);
+  for (std::string word; words >> word;) {
+    options.eal.push_back(word);
+  }
+  constexpr std::string_view kScheme = "unix:";
+  if (options.socket.starts_with(kScheme)) {
+    options.socket.erase(0, kScheme.size());
+  }
+  if (options.workers.size() > static_cast<size_t>(kMaxWorkers)) {
+    throw CLI::ValidationError("--workers", "at most " + std::to_string(kMaxWorkers) + " workers");
+  }
+  if (std::set<uint32_t>(options.workers.begin(), options.workers.end()).size() !=
+      options.workers.size()) {
+    throw CLI::ValidationError("--workers", "a core appears twice");
+  }
+  if (!options.listen.empty()) {
+    try {
+      bess::loopbackAddress(options.listen);
+    } catch (const bess::ControlSocketError& error) {
+      throw CLI::ValidationError("--listen", error.what());
+    }
+  }
+}
+
+}  // namespace
+
+ParseResult parseOptions(const std::vector<std::string>& arguments,
+                         std::ostream& out,
+                         std::ostream& err) {
+  CLI::App app("Packet forwarding daemon. Stops cleanly on SIGTERM and SIGINT.", "bessd");
+  Options options;
+  Raw raw;
+  addControlOptions(app, options);
+  addResourceOptions(app, options, raw);
+  addRunOptions(app, options, raw);
+  try {
+    // The library takes the words from the back.
+    app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+    finish(options, raw);
+  } catch (const CLI::ParseError& error) {
+    return {std::nullopt, app.exit(error, out, err) == 0 ? 0 : kExitUsage};
+  }
+  return {std::move(options), 0};
+}
+
+}  // namespace Bessd

@@ -1,0 +1,40 @@
+// The daemon's command line.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Bessd {
+
+struct Options {
+  std::string socket = "/run/sfe/bessd.sock";
+  std::string listen;             // HOST:PORT, empty: no TCP
+  std::vector<uint32_t> workers;  // core of worker 0, 1, ...
+  uint32_t memoryMb = 1024;
+  bool hugePages = false;
+  uint32_t packets = 16384;  // of each memory node
+  uint32_t dataRoom = 2048;  // bytes behind the headroom
+  std::string pluginDirectory = "/usr/lib/sfe/modules";
+  std::vector<std::string> plugins;  // paths, or names in the directory
+  std::vector<std::string> eal;      // further words for the packet library
+  std::string toggles;               // directory; empty: the default
+  std::chrono::milliseconds publishPeriod{1000};
+  bool spin = false;
+  int logLevel = 0;  // 0 information, 1 warnings, 2 errors
+};
+
+struct ParseResult {
+  std::optional<Options> options;  // absent: nothing to run
+  int exitCode = 0;                // then 0 (help, version) or 2 (wrong command line)
+};
+
+// Requires: `arguments` without the program's own name. Help goes to `out`, complaints to `err`.
+ParseResult parseOptions(const std::vector<std::string>& arguments,
+                         std::ostream& out,
+                         std::ostream& err);
+
+}  // namespace Bessd
