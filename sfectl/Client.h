@@ -1,0 +1,67 @@
+// The connection with a daemon: one call at a time, answers or exceptions.
+//
+// Errors     : RuntimeError with the daemon's own text when it refuses, with the address and the
+// reason when it cannot be
+//              reached.
+#pragma once
+
+#include <google/protobuf/any.pb.h>
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/bess.grpc.pb.h"
+
+namespace Sfectl {
+
+inline constexpr const char* kDefaultSocket = "unix:/run/sfe/bessd.sock";
+// How long a daemon may take to answer.
+inline constexpr std::chrono::seconds kCallTimeout{30};
+
+class Client {
+ public:
+  using Stub = bess::pb::BESSControl::Stub;
+
+  // `target` is "unix:PATH", a bare absolute path, or HOST:PORT.
+  explicit Client(const std::string& target);
+
+  // One call: call(&Stub::ListPorts, request).
+  template <class Request, class Response>
+  Response call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, Response*),
+                const Request& request) {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
+    Response response;
+    check((stub_.get()->*method)(&context, request, &response));
+    check(response.error());
+    return response;
+  }
+  template <class Response>
+  Response call(grpc::Status (Stub::*method)(grpc::ClientContext*,
+                                             const bess::pb::EmptyRequest&,
+                                             Response*)) {
+    return call(method, bess::pb::EmptyRequest());
+  }
+
+  // One command of a module.
+  bess::pb::CommandResponse command(const std::string& module,
+                                    const std::string& name,
+                                    const google::protobuf::Any& arg);
+  bess::pb::CommandResponse command(const std::string& module,
+                                    const std::string& name,
+                                    const google::protobuf::Message& arg);
+
+  std::vector<bess::pb::ModuleInfo> modulesOf(const std::string& className);
+
+ private:
+  void check(const grpc::Status& status) const;
+  void check(const bess::pb::Error& error) const;
+
+  std::string target_;
+  std::unique_ptr<Stub> stub_;
+};
+
+}  // namespace Sfectl

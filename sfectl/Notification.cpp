@@ -1,0 +1,56 @@
+#include "sfectl/Notification.h"
+
+#include "sfectl/Arguments.h"
+
+namespace Sfectl {
+namespace {
+
+using Routing::Multicast::Notify::CacheReport;
+namespace Notify = Routing::Multicast::Notify;
+
+std::string eventName(uint8_t kind) {
+  switch (kind) {
+    case Notify::kKindNoCache:
+      return "nocache";
+    case Notify::kKindWrongVif:
+      return "wrongvif";
+    case Notify::kKindWholePkt:
+      return "wholepkt";
+    case Notify::kKindWrVifWhole:
+      return "wrvifwhole";
+    default:
+      return "kind" + std::to_string(kind);
+  }
+}
+
+bool carriesPacket(const CacheReport& report) {
+  return report.kind == Notify::kKindWholePkt || report.kind == Notify::kKindWrVifWhole;
+}
+
+std::string iifText(const CacheReport& report) {
+  return report.intfId ? intfText(*report.intfId) : "vif" + std::to_string(report.vifId);
+}
+
+}  // namespace
+
+std::string notificationText(const CacheReport& report) {
+  std::string line = eventName(report.kind) + " (" + report.source.stringValue() + "," +
+                     report.group.stringValue() + ") Iif: " + iifText(report);
+  if (carriesPacket(report)) {
+    line += " Length: " + std::to_string(report.pkt.size());
+  }
+  return line;
+}
+
+Json notificationJson(const CacheReport& report) {
+  Json result{{"event", eventName(report.kind)},
+              {"src", report.source.stringValue()},
+              {"dst", report.group.stringValue()},
+              {"iif", iifText(report)}};
+  if (carriesPacket(report)) {
+    result["length"] = report.pkt.size();
+  }
+  return result;
+}
+
+}  // namespace Sfectl
