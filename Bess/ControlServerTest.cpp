@@ -2,7 +2,6 @@
 // the end.
 #include "Bess/ControlServer.h"
 
-#include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,31 +18,6 @@ namespace {
 
 class ControlServerTest : public ControlTest {
  protected:
-  // Sends bytes as a request of a method, whatever they are.
-  grpc::Status sendRaw(const std::string& method,
-                       const std::string& bytes,
-                       std::string* answer = nullptr) {
-    grpc::GenericStub stub(channel_);
-    grpc::ClientContext context;
-    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
-    grpc::CompletionQueue queue;
-    const grpc::Slice slice(bytes);
-    const grpc::ByteBuffer request(&slice, 1);
-    auto call = stub.PrepareUnaryCall(&context, method, request, &queue);
-    call->StartCall();
-    grpc::ByteBuffer response;
-    grpc::Status status;
-    call->Finish(&response, &status, nullptr);
-    void* tag = nullptr;
-    bool ok = false;
-    queue.Next(&tag, &ok);
-    grpc::Slice whole;
-    if (answer != nullptr && status.ok() && response.DumpToSingleSlice(&whole).ok()) {
-      answer->assign(reinterpret_cast<const char*>(whole.begin()), whole.size());
-    }
-    return status;
-  }
-
   static constexpr const char* kCreateModule = "/bess.pb.BESSControl/CreateModule";
 };
 

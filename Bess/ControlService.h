@@ -11,11 +11,14 @@
 // registered with.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "Bess/ControlThread.h"
+#include "Bess/State.h"
 #include "protocol/bess.grpc.pb.h"
 
 namespace bess {
@@ -28,6 +31,7 @@ struct ControlExtensions {
   std::function<void()> shutdown;
   std::function<uint32_t(const std::string& name)> counterId;  // throws std::system_error
   std::function<void(pb::CountersResponse* response)> counters;
+  std::vector<State> states;  // of the program itself
 };
 
 class ControlService final : public pb::BESSControl::Service {
@@ -78,7 +82,18 @@ class ControlService final : public pb::BESSControl::Service {
   BESS_CONTROL_RPC(GetStats, EmptyRequest, StatsResponse)
   BESS_CONTROL_RPC(CounterId, NameRequest, CounterIdResponse)
   BESS_CONTROL_RPC(GetCounters, EmptyRequest, CountersResponse)
+  BESS_CONTROL_RPC(ListStates, NameRequest, ListStatesResponse)
 #undef BESS_CONTROL_RPC
+
+  // Each holds one of the server's threads for as long as its client likes, so there may be
+  // kMaxStreams of them at a time; a further one has status RESOURCE_EXHAUSTED.
+  grpc::Status GetState(grpc::ServerContext* context,
+                        const pb::StateRequest* request,
+                        grpc::ServerWriter<pb::StateChunk>* writer) override;
+  grpc::Status ModuleCommandStream(
+      grpc::ServerContext* context,
+      grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) override;
+  static constexpr int kMaxStreams = 16;
 
  private:
   // Runs a handler on the control thread; what it throws becomes the answer's error.
@@ -95,6 +110,10 @@ class ControlService final : public pb::BESSControl::Service {
   }
   grpc::Status onControlThread(const std::function<void()>& work);
   static pb::Error currentError();  // of the exception being handled
+  bool takeStream();                // false: there are kMaxStreams already
+  void returnStream() {
+    streams_.fetch_sub(1, std::memory_order_relaxed);
+  }
 
   // All on the control thread.
   void handleGetVersion(const pb::EmptyRequest& request, pb::VersionResponse* response);
@@ -133,11 +152,16 @@ class ControlService final : public pb::BESSControl::Service {
   void handleGetStats(const pb::EmptyRequest& request, pb::StatsResponse* response);
   void handleCounterId(const pb::NameRequest& request, pb::CounterIdResponse* response);
   void handleGetCounters(const pb::EmptyRequest& request, pb::CountersResponse* response);
+  void handleListStates(const pb::NameRequest& request, pb::ListStatesResponse* response);
+  const std::vector<State>& statesOf(const std::string& module) const;
+  std::string stateText(const pb::StateRequest& request) const;
 
   // Constant after construction.
   ControlThread& control_;
   const ControlExtensions extensions_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+
+  std::atomic<int> streams_{0};  // streaming calls under way
 
   // Control thread. A client's pause, beside those that the framework takes for each change.
   bool paused_ = false;

@@ -1,6 +1,7 @@
 // A control service with a real server on a Unix socket of its own, and a client of it.
 #pragma once
 
+#include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 #include <rte_mempool.h>
 #include <stdlib.h>
@@ -73,6 +74,8 @@ class ControlTest : public testing::Test {
     extensions.counters = [](pb::CountersResponse* response) {
       response->add_counters()->set_name("events");
     };
+    extensions.states = {
+        {"own", "Of the program", [](const std::string& arg) { return "own " + arg; }}};
     service_ = std::make_unique<ControlService>(control_, extensions);
     server_ = std::make_unique<ControlServer>(service_.get(), socket_, "");
     channel_ = grpc::CreateChannel("unix:" + socket_, grpc::InsecureChannelCredentials());
@@ -103,6 +106,31 @@ class ControlTest : public testing::Test {
     const grpc::Status status = (stub_.get()->*method)(&context, request, &response);
     EXPECT_TRUE(status.ok()) << status.error_message();
     return response;
+  }
+
+  // Sends bytes as a request of a method, whatever they are.
+  grpc::Status sendRaw(const std::string& method,
+                       const std::string& bytes,
+                       std::string* answer = nullptr) {
+    grpc::GenericStub stub(channel_);
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
+    grpc::CompletionQueue queue;
+    const grpc::Slice slice(bytes);
+    const grpc::ByteBuffer request(&slice, 1);
+    auto call = stub.PrepareUnaryCall(&context, method, request, &queue);
+    call->StartCall();
+    grpc::ByteBuffer response;
+    grpc::Status status;
+    call->Finish(&response, &status, nullptr);
+    void* tag = nullptr;
+    bool ok = false;
+    queue.Next(&tag, &ok);
+    grpc::Slice whole;
+    if (answer != nullptr && status.ok() && response.DumpToSingleSlice(&whole).ok()) {
+      answer->assign(reinterpret_cast<const char*>(whole.begin()), whole.size());
+    }
+    return status;
   }
 
   static pb::NameRequest named(const std::string& name) {

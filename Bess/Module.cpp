@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <numeric>
+#include <system_error>
+#include <utility>
 
 Module::Module() = default;
 
@@ -62,6 +64,15 @@ task_id_t Module::RegisterTask(void* arg) {
   tasks_.push_back(std::make_unique<Task>(this, arg, id));
   isTask_ = true;
   return id;
+}
+
+void Module::addState(std::string name,
+                      std::string help,
+                      std::function<std::string(const std::string& arg)> text) {
+  if (bess::findState(states_, name) != nullptr) {
+    throw std::system_error(EEXIST, std::generic_category(), "state '" + name + "'");
+  }
+  states_.push_back({std::move(name), std::move(help), std::move(text)});
 }
 
 uint64_t Module::deadEnds() const {

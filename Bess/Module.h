@@ -7,6 +7,7 @@
 //            | RunChooseModule, EmitPacket, Drop..|       -        |  yes   |
 //            | OnEvent, AddActiveWorker, Check... | workers paused |   -    |
 //            | GetDesc, counts                    | yes            |   -    |
+//            | addState, states, their texts      | yes            |   -    |
 // Life       : factory, Init, then commands, batches and task runs in any order, then DeInit, then
 //              delete. DeInit and delete also follow an Init that failed. Class-specific operator
 //              new and delete are honoured.
@@ -25,6 +26,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +34,7 @@
 #include "Bess/Context.h"
 #include "Bess/Gate.h"
 #include "Bess/Packet.h"
+#include "Bess/State.h"
 #include "Bess/Task.h"
 #include "Bess/Types.h"
 
@@ -110,6 +113,9 @@ class Module {
   int maxAllowedWorkers() const { return maxAllowedWorkers_; }
   int activeWorkers() const;
 
+  // What the instance shows of its inside, in the order in which it was added.
+  const std::vector<bess::State>& states() const { return states_; }
+
   // The graph's shape. The vectors have null at gates that are not connected.
   const std::vector<std::unique_ptr<InputGate>>& igates() const { return igates_; }
   const std::vector<std::unique_ptr<OutputGate>>& ogates() const { return ogates_; }
@@ -127,6 +133,13 @@ class Module {
   // Set by the factory.
   bool isTask_ = false;        // has tasks of its own; set by RegisterTask too
   int maxAllowedWorkers_ = 1;  // how many workers may be in this instance at once
+
+  // Called from the constructor or Init. `text` builds the state (State.h) while the instance
+  // lives and workers forward.
+  // Errors: std::system_error EEXIST for a name that the instance has already.
+  void addState(std::string name,
+                std::string help,
+                std::function<std::string(const std::string& arg)> text);
 
  private:
   friend class ModuleGraph;
@@ -164,6 +177,7 @@ class Module {
   std::vector<std::unique_ptr<Task>> tasks_;
   std::array<bool, MAX_WORKERS> active_{};
   bool wantsEvents_ = true;
+  std::vector<bess::State> states_;
 };
 
 inline void Module::RunChooseModule(Context* ctx, gate_idx_t ogate, bess::PacketBatch* batch) {

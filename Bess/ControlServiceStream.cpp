@@ -1,0 +1,116 @@
+// The control service's stream of module commands: what has arrived runs together, in one turn of
+// the control thread, and is answered together.
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Bess/ControlService.h"
+#include "Bess/ModuleGraph.h"
+
+namespace bess {
+namespace {
+
+using Requests = std::vector<pb::ModuleCommandRequest>;
+
+// Other clients wait for at most one group of each stream.
+constexpr size_t kMaxGroup = 256;
+
+// What was read and has not run yet: at most one group, so that a client that sends faster than
+// commands run is slowed down by the transport.
+class ReadAhead {
+ public:
+  // Waits for room. Returns: false when nobody takes requests any more.
+  bool put(pb::ModuleCommandRequest& request) {
+    std::unique_lock lock(mutex_);
+    room_.wait(lock, [this] { return waiting_.size() < kMaxGroup || closed_; });
+    if (closed_) {
+      return false;
+    }
+    // The reader keeps the memory of a request that has run.
+    waiting_.resize(waiting_.size() + 1);
+    waiting_.back().Swap(&request);
+    if (waiting_.size() == 1) {
+      arrived_.notify_one();
+    }
+    return true;
+  }
+
+  void close() {
+    {
+      const std::lock_guard lock(mutex_);
+      closed_ = true;
+    }
+    arrived_.notify_one();
+    room_.notify_one();
+  }
+
+  // Waits for requests and takes all there are. Returns: false when there are none and will be
+  // none.
+  bool take(Requests& group) {
+    group.clear();
+    std::unique_lock lock(mutex_);
+    arrived_.wait(lock, [this] { return !waiting_.empty() || closed_; });
+    std::swap(group, waiting_);
+    room_.notify_one();
+    return !group.empty();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable room_;
+  std::condition_variable arrived_;
+  Requests waiting_;     // guarded by mutex_
+  bool closed_ = false;  // guarded by mutex_
+};
+
+}  // namespace
+
+grpc::Status ControlService::ModuleCommandStream(
+    grpc::ServerContext* context,
+    grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) {
+  if (!takeStream()) {
+    return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many streaming calls at once"};
+  }
+  ReadAhead readAhead;
+  std::thread reader([&] {
+    pb::ModuleCommandRequest request;
+    while (stream->Read(&request) && readAhead.put(request)) {
+    }
+    readAhead.close();
+  });
+  grpc::Status status;
+  Requests group;
+  std::vector<pb::CommandResponse> answers;
+  bool reading = true;
+  while (status.ok() && reading && readAhead.take(group)) {
+    answers.resize(group.size());
+    status = onControlThread([&] {
+      for (size_t i = 0; i < group.size(); ++i) {
+        answers[i] = ModuleGraph::runCommand(group[i].module(), group[i].command(), group[i].arg());
+      }
+    });
+    // All but the last wait in the transport's buffer for it.
+    for (size_t i = 0; status.ok() && reading && i < answers.size(); ++i) {
+      grpc::WriteOptions options;
+      if (i + 1 < answers.size()) {
+        options.set_buffer_hint();
+      }
+      reading = stream->Write(answers[i], options);
+    }
+  }
+  if (!status.ok() || !reading) {
+    readAhead.close();
+    context->TryCancel();  // ends the read under way
+  }
+  reader.join();
+  returnStream();
+  if (!status.ok()) {
+    return status;
+  }
+  return context->IsCancelled() ? grpc::Status(grpc::StatusCode::CANCELLED, "the client gave up")
+                                : grpc::Status::OK;
+}
+
+}  // namespace bess
