@@ -30,6 +30,7 @@ void addEverything(CLI::App& app, Session& session) {
   addRouteCommands(app, session);
   addCounterCommands(app, session);
   addMonitorCommands(app, session);
+  addShowCommands(app, session);
 }
 
 int report(std::ostream& err, const std::exception& error, int code) {

@@ -10,6 +10,8 @@ namespace {
 
 // A large route table of modules and ports fits; a daemon gone mad does not fill our memory.
 constexpr int kMaxAnswerBytes = 64 << 20;
+// The same for a state: several million routes.
+constexpr size_t kMaxStateBytes = size_t{1} << 30;
 
 }  // namespace
 
@@ -63,6 +65,31 @@ bess::pb::CommandResponse Client::command(const std::string& module,
   google::protobuf::Any any;
   any.PackFrom(arg);
   return command(module, name, any);
+}
+
+std::vector<char> Client::state(const std::string& module,
+                                const std::string& name,
+                                const std::string& arg) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
+  bess::pb::StateRequest request;
+  request.set_module(module);
+  request.set_name(name);
+  request.set_arg(arg);
+  const auto reader = stub_->GetState(&context, request);
+  std::vector<char> text;
+  bess::pb::StateChunk chunk;
+  while (reader->Read(&chunk)) {
+    check(chunk.error());
+    if (text.size() + chunk.text().size() > kMaxStateBytes) {
+      context.TryCancel();
+      throw RuntimeError("state '" + printable(name) + "' is longer than " +
+                         std::to_string(kMaxStateBytes) + " bytes");
+    }
+    text.insert(text.end(), chunk.text().begin(), chunk.text().end());
+  }
+  check(reader->Finish());
+  return text;
 }
 
 std::vector<bess::pb::ModuleInfo> Client::modulesOf(const std::string& className) {

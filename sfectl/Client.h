@@ -54,6 +54,11 @@ class Client {
                                     const std::string& name,
                                     const google::protobuf::Message& arg);
 
+  // The text of a state (sfectl/StateText.h reads it), in one pass.
+  std::vector<char> state(const std::string& module,
+                          const std::string& name,
+                          const std::string& arg);
+
   std::vector<bess::pb::ModuleInfo> modulesOf(const std::string& className);
 
  private:

@@ -20,5 +20,6 @@ void addIntfCommands(CLI::App& app, Session& session);     // intf
 void addRouteCommands(CLI::App& app, Session& session);    // mroute
 void addCounterCommands(CLI::App& app, Session& session);  // counters
 void addMonitorCommands(CLI::App& app, Session& session);  // monitor
+void addShowCommands(CLI::App& app, Session& session);     // show
 
 }  // namespace Sfectl

@@ -3,20 +3,16 @@
 #include <algorithm>
 
 #include "Sfe/Multicast/CounterTableReader.h"
+#include "sfectl/Instances.h"
 
 namespace Sfectl {
 namespace {
 
-using Nynet::AddressFamily;
 using Sfe::Multicast::CounterMount;
 using Sfe::Multicast::CounterTableReader;
 using Sfe::Multicast::IntfCounter;
 using Sfe::Multicast::MrouteCounter;
 using Sfe::Multicast::RecordKind;
-
-const char* familyText(AddressFamily af) {
-  return af == AddressFamily::kIpv4 ? "ipv4" : "ipv6";
-}
 
 bool passes(const CounterFilter& filter, const CounterMount& mount) {
   return (!filter.vrf || *filter.vrf == mount.vrf) && (!filter.af || *filter.af == mount.af);

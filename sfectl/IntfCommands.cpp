@@ -6,6 +6,7 @@
 #include "sfectl/Arguments.h"
 #include "sfectl/Commands.h"
 #include "sfectl/Errors.h"
+#include "sfectl/Instances.h"
 #include "sfectl/Report.h"
 
 namespace Sfectl {
@@ -14,7 +15,6 @@ namespace {
 using Stub = Client::Stub;
 
 constexpr uint32_t kMaxVlan = 4094;
-constexpr const char* kMulticastClass = "Mfib";
 constexpr const char* kEdgeClasses[] = {"IntfIn", "IntfOut"};
 
 struct IntfWords {

@@ -4,6 +4,7 @@
 #include "protocol/sfe.pb.h"
 #include "sfectl/Commands.h"
 #include "sfectl/Errors.h"
+#include "sfectl/Instances.h"
 #include "sfectl/MessageJson.h"
 #include "sfectl/Results.h"
 
@@ -12,9 +13,6 @@ namespace {
 
 using Stub = Client::Stub;
 using bess::pb::ModuleClassResponse;
-
-constexpr const char* kMulticastClass = "Mfib";
-constexpr const char* kDefaultVrf = "default";
 
 struct ModuleWords {
   std::string className;

@@ -3,12 +3,12 @@
 #include "protocol/sfe.pb.h"
 #include "sfectl/Commands.h"
 #include "sfectl/Errors.h"
+#include "sfectl/Instances.h"
 #include "sfectl/RouteArgs.h"
 
 namespace Sfectl {
 namespace {
 
-constexpr const char* kMulticastClass = "Mfib";
 constexpr uint32_t kAfIpv4 = 1;
 
 struct Target {
