@@ -1,7 +1,4 @@
 #include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -15,6 +12,7 @@
 #include "sfectl/Commands.h"
 #include "sfectl/Errors.h"
 #include "sfectl/Notification.h"
+#include "sfectl/StopSignals.h"
 
 namespace Sfectl {
 namespace {
@@ -28,37 +26,6 @@ struct MonitorWords {
   std::string ns = "default";
   uint64_t count = 0;         // 0: no end
   double timeoutSeconds = 0;  // 0: no end
-};
-
-// SIGINT and SIGTERM as something to poll, for as long as it lives.
-class StopSignals {
- public:
-  StopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, &before_);
-    fd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd_ < 0) {
-      throw RuntimeError(std::string("cannot wait for signals: ") + std::strerror(errno));
-    }
-  }
-  ~StopSignals() {
-    // What arrived is taken: it asked for the end that is under way.
-    signalfd_siginfo info;
-    while (read(fd_, &info, sizeof(info)) > 0) {
-    }
-    close(fd_);
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  sigset_t before_;
-  int fd_;
 };
 
 enum class Wake { kReport, kStop, kTimeout };

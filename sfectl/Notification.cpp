@@ -1,5 +1,7 @@
 #include "sfectl/Notification.h"
 
+#include <algorithm>
+
 #include "sfectl/Arguments.h"
 
 namespace Sfectl {
@@ -7,6 +9,8 @@ namespace {
 
 using Routing::Multicast::Notify::CacheReport;
 namespace Notify = Routing::Multicast::Notify;
+
+constexpr size_t kKeyWidth = 32;
 
 std::string eventName(uint8_t kind) {
   switch (kind) {
@@ -34,10 +38,11 @@ std::string iifText(const CacheReport& report) {
 }  // namespace
 
 std::string notificationText(const CacheReport& report) {
-  std::string line = eventName(report.kind) + " (" + report.source.stringValue() + "," +
-                     report.group.stringValue() + ") Iif: " + iifText(report);
+  std::string key = "(" + report.source.stringValue() + "," + report.group.stringValue() + ")";
+  key.resize(std::max(key.size(), kKeyWidth), ' ');
+  std::string line = eventName(report.kind) + " " + key + " Iif: " + iifText(report);
   if (carriesPacket(report)) {
-    line += " Length: " + std::to_string(report.pkt.size());
+    line += "  Length: " + std::to_string(report.pkt.size());
   }
   return line;
 }

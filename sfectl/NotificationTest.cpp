@@ -31,16 +31,17 @@ CacheReport report(uint8_t kind, const char* source, const char* group) {
 
 TEST(Notification, isOneLine) {
   EXPECT_EQ(notificationText(report(Notify::kKindNoCache, "10.0.0.2", "239.1.1.1")),
-            "nocache (10.0.0.2,239.1.1.1) Iif: Ethernet0");
+            "nocache (10.0.0.2,239.1.1.1)             Iif: Ethernet0");
   EXPECT_EQ(notificationText(report(Notify::kKindWrongVif, "2001:db8::2", "ff15::1")),
-            "wrongvif (2001:db8::2,ff15::1) Iif: Ethernet0");
+            "wrongvif (2001:db8::2,ff15::1)            Iif: Ethernet0");
 }
 
 TEST(Notification, tellsTheLengthOfAWholePacket) {
   const std::vector<std::byte> packet(128);
   CacheReport whole = report(Notify::kKindWholePkt, "10.0.0.2", "239.1.1.1");
   whole.pkt = packet;
-  EXPECT_EQ(notificationText(whole), "wholepkt (10.0.0.2,239.1.1.1) Iif: Ethernet0 Length: 128");
+  EXPECT_EQ(notificationText(whole),
+            "wholepkt (10.0.0.2,239.1.1.1)             Iif: Ethernet0  Length: 128");
   EXPECT_EQ(dumpJson(notificationJson(whole)),
             R"({"event":"wholepkt","src":"10.0.0.2","dst":"239.1.1.1","iif":"Ethernet0",)"
             R"("length":128})");
