@@ -31,6 +31,7 @@ void addEverything(CLI::App& app, Session& session) {
   addCounterCommands(app, session);
   addMonitorCommands(app, session);
   addShowCommands(app, session);
+  addGraphShow(app, session);
 }
 
 int report(std::ostream& err, const std::exception& error, int code) {

@@ -21,5 +21,6 @@ void addRouteCommands(CLI::App& app, Session& session);    // mroute
 void addCounterCommands(CLI::App& app, Session& session);  // counters
 void addMonitorCommands(CLI::App& app, Session& session);  // monitor
 void addShowCommands(CLI::App& app, Session& session);     // show
+void addGraphShow(CLI::App& app, Session& session);        // graph
 
 }  // namespace Sfectl
