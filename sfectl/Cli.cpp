@@ -32,6 +32,7 @@ void addEverything(CLI::App& app, Session& session) {
   addMonitorCommands(app, session);
   addShowCommands(app, session);
   addGraphShow(app, session);
+  addCaptureCommands(app, session);
 }
 
 int report(std::ostream& err, const std::exception& error, int code) {

@@ -22,5 +22,6 @@ void addCounterCommands(CLI::App& app, Session& session);  // counters
 void addMonitorCommands(CLI::App& app, Session& session);  // monitor
 void addShowCommands(CLI::App& app, Session& session);     // show
 void addGraphShow(CLI::App& app, Session& session);        // graph
+void addCaptureCommands(CLI::App& app, Session& session);  // capture
 
 }  // namespace Sfectl
