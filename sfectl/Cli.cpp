@@ -33,6 +33,7 @@ void addEverything(CLI::App& app, Session& session) {
   addShowCommands(app, session);
   addGraphShow(app, session);
   addCaptureCommands(app, session);
+  addTopCommands(app, session);
 }
 
 int report(std::ostream& err, const std::exception& error, int code) {

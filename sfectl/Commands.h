@@ -23,5 +23,6 @@ void addMonitorCommands(CLI::App& app, Session& session);  // monitor
 void addShowCommands(CLI::App& app, Session& session);     // show
 void addGraphShow(CLI::App& app, Session& session);        // graph
 void addCaptureCommands(CLI::App& app, Session& session);  // capture
+void addTopCommands(CLI::App& app, Session& session);      // top
 
 }  // namespace Sfectl
