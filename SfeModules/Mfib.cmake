@@ -1,8 +1,8 @@
 # The multicast module. Its objects are linked by the plug-in and by its tests.
 sfe_library(mfib_core OBJECT
-  SOURCES BessPktCache.cpp MfibAlerts.cpp MfibCounters.cpp MfibForward.cpp MfibIntfs.cpp MfibLifecycle.cpp
-          MfibRegistration.cpp MfibRoutes.cpp MfibTasks.cpp MfibTypes.cpp MrouteDump.cpp NoCachePacketManager.cpp
-          PacketFates.cpp
+  SOURCES AddressText.cpp BessPktCache.cpp HeldKeys.cpp MfibAlerts.cpp MfibCounters.cpp MfibExplain.cpp MfibForward.cpp
+          MfibIntfs.cpp MfibLifecycle.cpp MfibMetrics.cpp MfibRegistration.cpp MfibRoutes.cpp MfibStates.cpp
+          MfibTasks.cpp MfibTypes.cpp MrouteDump.cpp NoCachePacketManager.cpp PacketFates.cpp
   DEPS bess sfe mcast_notify mcast_fib nynet orp protocol sfe_ht sfe_fuse PkgConfig::GLOG PkgConfig::DPDK PkgConfig::URCU)
 
 # A plug-in that is unloaded goes away: no symbol of it may be unique in the process.
@@ -28,6 +28,10 @@ if(SFE_TESTS)
   sfe_test(MfibRuntimeTest EAL
     SOURCES MfibAlertsTest.cpp MfibCountersTest.cpp MfibResolutionTest.cpp MfibTasksTest.cpp
     DEPS mfib_testing mfib_core PkgConfig::FUSE)
+  # What an instance shows of its inside.
+  sfe_test(MfibStatesTest EAL
+    SOURCES AddressTextTest.cpp MfibExplainTest.cpp MfibMetricsTest.cpp MfibStatesTest.cpp
+    DEPS mfib_testing mfib_core)
   # What the control plane does with an instance.
   sfe_test(MfibControlTest EAL
     SOURCES MfibIntfsTest.cpp MfibLifecycleTest.cpp MfibRegistrationTest.cpp MfibRoutesTest.cpp

@@ -22,6 +22,7 @@
 //   these.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -37,8 +38,10 @@
 #include "Sfe/Counters/Counters.h"
 #include "Sfe/Multicast/IntfCounterTable.h"
 #include "Sfe/Multicast/MrouteCounterTable.h"
+#include "SfeModules/ForwardRules.h"
 #include "SfeModules/ForwardingMetadata.h"
 #include "SfeModules/MfibTypes.h"
+#include "SfeModules/MonotoneTotals.h"
 #include "SfeModules/NoCachePacketManager.h"
 #include "SfeModules/NyUrcuHt.h"
 #include "SfeModules/PacketFates.h"
@@ -106,7 +109,7 @@ class Mfib : public Module {
                      TimePoint now);
 
   // True for gates 1 and 2.
-  static bool isAllowedOutGate(uint16_t gate) { return static_cast<uint16_t>(gate - 1) <= 1; }
+  static bool isAllowedOutGate(uint16_t gate) { return isSelectableGate(gate); }
 
   // Alerts and their rate limits.
   void generateNoCacheAlert(Context* ctx,
@@ -114,7 +117,9 @@ class Mfib : public Module {
                             Mfib_U64 iif,
                             uint8_t ttl,
                             TimePoint now);
-  bool canSendSgAlert(const MfibKey& key, TimePoint now);
+  bool noCacheAlertLimited(uint8_t ttl) const;  // of packets with that TTL
+  bool sgAlertDue(const MfibKey& key, TimePoint now) const;
+  bool canSendSgAlert(const MfibKey& key, TimePoint now);  // and takes note of the alert
   bool canAlertWrongVif(const MfibKey& key, Mfib_U64 iif, const MfibPvSet& entry) const;
   void addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now);
   bool sgAlertCleanup();
@@ -132,6 +137,9 @@ class Mfib : public Module {
 
  private:
   friend std::string getMroutes(Mfib* mfib, unsigned int af);
+  friend class MfibStates;
+  friend class MfibMetrics;
+  friend class MfibExplain;
   friend void updatePellIntfCounters(void* module);
   friend void updatePellMrouteCounters(void* module);
   friend struct MfibTestPeer;
@@ -219,6 +227,9 @@ class Mfib : public Module {
   Sfe::Multicast::MrouteCounter mrouteRecord(const Routing::Multicast::Fib::IpGenRouteKey& key);
   Sfe::Multicast::IntfCounter intfRecord(Nynet::IntfId id);
   void mrouteCountChanged(uint32_t change);
+  uint32_t& routesOfType(const MfibKey& key) {
+    return routesByType_[key.source == AddrBytes{} ? 1 : 0];
+  }
 
   // Set by Init, released by DeInit; constant in between.
   Orp::Ptr<Routing::Multicast::Notify::MrtNotifyNetlinkSocketPam> notifySocket_;
@@ -226,8 +237,8 @@ class Mfib : public Module {
   Orp::Ptr<Routing::Multicast::Notify::NoCacheMessage> noCacheMsg_;
   Orp::Ptr<Routing::Multicast::Notify::WholePktMessage> wholePktMsg_;
   NoCachePacketManager* noCacheMgr_ = nullptr;
-  task_id_t mfibTaskId_ = 0;
-  task_id_t cleanupTaskId_ = 0;
+  task_id_t mfibTaskId_ = kInvalidTaskId;  // until it is registered
+  task_id_t cleanupTaskId_ = kInvalidTaskId;
   RouteTable* mfib_ = nullptr;
   IntfSet* multicastIntfTable_ = nullptr;
   IntfCounters* intfCounterTable_ = nullptr;
@@ -244,13 +255,17 @@ class Mfib : public Module {
   const uint32_t wrongVifAlertInterval_ = 15;         // seconds; not 0
   std::string vrfName_;
   uint32_t vrfId_ = 0;
-  uint32_t addrLen_ = 0;  // bytes per address, 4 or 16
+  uint32_t maxMroute_ = 0;  // told and shown; no limit follows from it
+  uint32_t addrLen_ = 0;    // bytes per address, 4 or 16
   std::atomic<uint64_t> bridgeMac_{
       0};  // six bytes in memory order, in one word so that no packet sees half of two
   bool modeFlag_ = false;  // IPv4 packets carry an Ethernet header
   Orp::String<kMaxNamespaceBytes> namespaceName_;
 
-  PacketFates fates_;         // named by Init after family and VRF
+  PacketFates fates_;                       // named by Init after family and VRF
+  NotificationCounts notifications_;        // likewise
+  std::array<uint32_t, 2> routesByType_{};  // control: routes in the table, (S,G) and (*,G)
+  MonotoneTotals totals_;                   // control
   uint32_t mrouteCount_ = 0;  // control: route commands that took effect, replacements included
   std::atomic<uint32_t> runTaskCount_{0};  // runs of the cleanup task
   const TimePoint createdAt_;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "SfeModules/ForwardRules.h"
 #include "SfeModules/Mfib.h"
 
 namespace SfeModules {
@@ -35,15 +36,19 @@ void v6MrtNotifyMessage(Orp::Ptr<Nynet::MrtMessage> msg,
   msg->groupIs(Nynet::IpGenAddr(nynetIp6Addr(group)));
 }
 
+bool Mfib::noCacheAlertLimited(uint8_t ttl) const {
+  const bool noBuffering =
+      noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed) == 0;
+  return (alertsOnLastHop(ttl) && toggleMfaWcFwdEnabled()) || noBuffering;
+}
+
 void Mfib::generateNoCacheAlert(Context* ctx,
                                 const MfibKey& key,
                                 Mfib_U64 iif,
                                 uint8_t ttl,
                                 TimePoint now) {
-  const bool noBuffering =
-      noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed) == 0;
-  const bool rateLimited = (ttl == 1 && toggleMfaWcFwdEnabled()) || noBuffering;
-  if (rateLimited && !canSendSgAlert(key, now)) {
+  if (noCacheAlertLimited(ttl) && !canSendSgAlert(key, now)) {
+    notifications_.count(ctx->wid, Notification::kNoCacheSuppressed);
     return;
   }
   if (ipv4()) {
@@ -56,19 +61,26 @@ void Mfib::generateNoCacheAlert(Context* ctx,
     v6MrtNotifyMessage(noCacheMsg_, key.source.data(), key.group.data());
   }
   bessCounterInc(ctx->wid, noCacheCounterId_);
+  notifications_.count(ctx->wid, Notification::kNoCache);
   notifySocket_->txMrtNotificationWithIntfId(noCacheMsg_, iif.value);
 }
 
 // An alert goes out when at least the interval has passed since the last one, in floating-point
 // seconds. A clock that was stepped back makes the elapsed time negative: smaller than the
 // interval.
+bool Mfib::sgAlertDue(const MfibKey& key, TimePoint now) const {
+  const TimePoint* last = sgAlertTable_->find(key);
+  if (last == nullptr) {
+    return true;
+  }
+  const int64_t elapsed = (now - *last).count();
+  return static_cast<double>(elapsed) * kSecondsPerNano >=
+         static_cast<double>(noCacheSuppressionTimer_.load(std::memory_order_relaxed));
+}
+
 bool Mfib::canSendSgAlert(const MfibKey& key, TimePoint now) {
-  if (const TimePoint* last = sgAlertTable_->find(key); last != nullptr) {
-    const int64_t elapsed = (now - *last).count();
-    if (static_cast<double>(elapsed) * kSecondsPerNano <
-        static_cast<double>(noCacheSuppressionTimer_.load(std::memory_order_relaxed))) {
-      return false;
-    }
+  if (!sgAlertDue(key, now)) {
+    return false;
   }
   sgAlertTable_->insert(key, now);
   return true;

@@ -14,6 +14,7 @@
 #include "Nynet/Pkt.h"
 #include "Nynet/VlanIntfId.h"
 #include "SfeModules/CounterEntries.h"
+#include "SfeModules/ForwardRules.h"
 #include "SfeModules/Mfib.h"
 
 namespace SfeModules {
@@ -60,10 +61,6 @@ uint32_t hostOrder(const AddrBytes& ipv4) {
   uint32_t word = 0;
   std::memcpy(&word, ipv4.data(), sizeof(word));
   return rte_be_to_cpu_32(word);
-}
-
-bool permits(uint8_t gateSelect, uint16_t gate) {
-  return gateSelect == 0 || Mfib::isAllowedOutGate(gate);
 }
 
 }  // namespace
@@ -121,7 +118,7 @@ bool Mfib::ProcessPacket(Context* ctx,
     drop(work, Fate::kDropLinkLocal);
     return finish(work);
   }
-  if (!mcastIntf && !work.headers.encap) {
+  if (!admitsFrom(mcastIntf, work.headers.encap)) {
     bessCounterInc(ctx->wid, nonMcastIifCounterId_);
     drop(work, Fate::kDropNonMulticastIntf);
     return finish(work);
@@ -163,17 +160,23 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
   const Mfib_U64 iif{work.inIntf};
   const MfibKey& key = work.headers.key;
   const uint8_t ttl = work.headers.ttl;
-  if (ttl == 1) {
+  if (alertsOnLastHop(ttl)) {
     generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
   }
-  if (ttl <= 1 || work.reinjected) {
-    drop(work, ttl <= 1 ? Fate::kDropTtl : Fate::kDropNoRoute);
-    return finish(work);
-  }
-  if (noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed) == 0) {
-    generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
-    drop(work, Fate::kDropNoRoute);
-    return finish(work);
+  const uint32_t maxHeld = noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed);
+  switch (withoutRoute(ttl, work.reinjected, maxHeld)) {
+    case WithoutRoute::kDropTtl:
+      drop(work, Fate::kDropTtl);
+      return finish(work);
+    case WithoutRoute::kDropNoRoute:
+      drop(work, Fate::kDropNoRoute);
+      return finish(work);
+    case WithoutRoute::kNotifyAndDrop:
+      generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+      drop(work, Fate::kDropNoRoute);
+      return finish(work);
+    case WithoutRoute::kOfferToTheCache:
+      break;
   }
   if (!noCacheMgr_->addEntryIntoCache(key, work.pkt, work.inIntf)) {
     drop(work, Fate::kDropCacheFull);
@@ -187,24 +190,21 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
 
 // The interface check, and what follows from it.
 void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
-  if (work.headers.decap) {
-    if (entry.iifRegister) {
-      forward(work, entry);
-    } else {
+  const bool decap = work.headers.decap;
+  switch (checkIif(entry, work.inIntf, decap, modeFlag_)) {
+    case IifCheck::kNotRegister:
       work.routeCounters->pktsDropped += 1;
       drop(work, Fate::kDropNotRegister);
-    }
-    return;
+      return;
+    case IifCheck::kWrong:
+      considerWrongVif(work, entry);
+      work.routeCounters->pktsDropped += 1;
+      drop(work, Fate::kDropWrongIntf);
+      return;
+    case IifCheck::kRight:
+      break;
   }
-  if (work.inIntf != entry.iif.value() || (entry.iifRegister && modeFlag_)) {
-    considerWrongVif(work, entry);
-    work.routeCounters->pktsDropped += 1;
-    drop(work, Fate::kDropWrongIntf);
-    return;
-  }
-  // A native packet of a register route is forwarded and still looked at as one on the wrong
-  // interface.
-  if (forward(work, entry) == Forwarded::kHandled && entry.iifRegister) {
+  if (forward(work, entry) == Forwarded::kHandled && looksWrongAfterForwarding(entry, decap)) {
     considerWrongVif(work, entry);
   }
 }
@@ -212,6 +212,7 @@ void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
 void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   const MfibKey& key = work.headers.key;
   if (!canAlertWrongVif(key, {work.inIntf}, entry)) {
+    notifications_.count(work.ctx->wid, Notification::kWrongVifSuppressed);
     return;
   }
   fillMessage(wrongVifMsg_, work);
@@ -222,6 +223,7 @@ void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   } catch (const std::exception&) {
     return;  // out of memory: without its time an alert would go out for every packet
   }
+  notifications_.count(work.ctx->wid, Notification::kWrongVif);
   notifySocket_->txMrtNotificationWithIntfId(wrongVifMsg_, work.inIntf);
 }
 
@@ -236,7 +238,7 @@ void Mfib::fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork&
 }
 
 Mfib::Forwarded Mfib::forward(PacketWork& work, const MfibPvSet& entry) {
-  if (work.headers.ttl <= 1) {
+  if (!ttlAllowsForwarding(work.headers.ttl)) {
     drop(work, Fate::kDropTtl);
     return Forwarded::kTtlExpired;
   }
@@ -274,6 +276,7 @@ void Mfib::sendWholePacket(PacketWork& work) {
   fillMessage(wholePktMsg_, work);
   wholePktMsg_->pktIs(whole);
   bessCounterInc(work.ctx->wid, wholePktCounterId_);
+  notifications_.count(work.ctx->wid, Notification::kWholePkt);
   notifySocket_->txMrtNotificationWithIntfId(wholePktMsg_, work.inIntf);
 }
 
@@ -324,7 +327,7 @@ void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSe
     meta.encapHint = kEncapHintIp;
     meta.presence |= kHasEncapHint;
   }
-  if (!permits(gateSelect, gate)) {
+  if (!permitsGate(gateSelect, gate)) {
     drop(work, Fate::kDropGate);  // it stays the source of the copies
     return;
   }
@@ -342,7 +345,7 @@ void Mfib::sendCopy(PacketWork& work, const MfibPvSet& entry, uint32_t index, ui
   const Nynet::IntfId oif = entry.oifs[index];
   const auto gate = static_cast<uint16_t>(entry.oifGates[index]);
   IntfCounterEntry& counters = countingEntry(*intfCounterTable_, oif.value());
-  if (!permits(gateSelect, gate)) {
+  if (!permitsGate(gateSelect, gate)) {
     return;
   }
   bess::Packet* copy = copyOf(work.pkt);

@@ -19,6 +19,7 @@
 #include "Sfe/OrpSharedMem/EntityManager.h"
 #include "SfeModules/Fuse.h"
 #include "SfeModules/Mfib.h"
+#include "SfeModules/MfibStates.h"
 
 namespace SfeModules {
 
@@ -67,6 +68,7 @@ CommandResponse Mfib::Init(const sfe::pb::MfibArg& arg) {
   af_ = arg.af();
   vrfName_ = arg.vrfname();
   vrfId_ = arg.vrfid();
+  maxMroute_ = arg.max_mroute();
   addrLen_ = af_ == kAfIpv4 ? kIpv4AddrLen : kIpv6AddrLen;
   modeFlag_ = arg.ethernet_mode();
 
@@ -80,12 +82,17 @@ CommandResponse Mfib::Init(const sfe::pb::MfibArg& arg) {
   mrouteCounterTable_ = new MrouteCounters(kInitialBuckets, kDeferredFree);
   noCacheMgr_ = new NoCachePacketManager(af_, *multicastIntfTable_, *mfib_, *intfCounterTable_,
                                          *mrouteCounterTable_);
-  fates_.nameIs(std::string("mfib") + (ipv4() ? "4" : "6") + "." + vrfName_);
+  const std::string prefix = std::string("mfib") + (ipv4() ? "4" : "6") + "." + vrfName_;
+  fates_.nameIs(prefix);
+  notifications_.nameIs(prefix);
   noCacheMgr_->fatesIs(&fates_);
   intfCounterUpdateHandle_ = registerCounterUpdate(updatePellIntfCounters, this);
   intfUpdateRegistered_ = true;
   mrouteCounterUpdateHandle_ = registerCounterUpdate(updatePellMrouteCounters, this);
   mrouteUpdateRegistered_ = true;
+  for (bess::State& state : MfibStates::of(*this)) {
+    addState(std::move(state.name), std::move(state.help), std::move(state.text));
+  }
   return CommandSuccess();
 }
 

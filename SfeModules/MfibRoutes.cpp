@@ -74,6 +74,7 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
     old = *found;
     mfib_->erase(key);
   }
+  const bool replaced = old != nullptr;
   std::shared_ptr<MfibPvSet> entry = buildEntry(arg, key);
   old.reset();
 
@@ -87,6 +88,7 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
   }
   const bool releasesHeldPackets = entry->numOifs > 0 || entry->oifRegister;
   mfib_->insert(key, std::move(entry));
+  routesOfType(key) += replaced ? 0 : 1;
   mrouteCountChanged(1);
   if (releasesHeldPackets) {
     noCacheMgr_->resolvePendingPackets(key);
@@ -117,6 +119,7 @@ CommandResponse Mfib::deleteMroute(const sfe::pb::MfibRouteArg& arg) {
     if (!mfib_->erase(key)) {
       return CommandFailure(EINVAL, "Mfib: removeMroute failed");
     }
+    routesOfType(key) -= 1;
   }
   mrouteCountChanged(static_cast<uint32_t>(-1));
   SFE_TRACE_AS(kDeleteSignature, "Mfib", 7, "Successfully deleted Mroute ");

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "SfeModules/Mfib.h"
+#include "SfeModules/RouteWalk.h"
 
 namespace SfeModules {
 
@@ -62,52 +63,6 @@ void appendRoute(std::string& text, const MfibKey& key, const MfibPvSet& entry, 
 
 }  // namespace
 
-namespace {
-
-// Routes that are printed together: what each is made of comes from memory while the others are
-// looked at.
-class RouteGroup {
- public:
-  bool full() const { return count_ == kRoutes; }
-
-  void add(const MfibKey& key, const std::shared_ptr<MfibPvSet>& entry) {
-    keys_[count_] = &key;
-    values_[count_] = &entry;
-    __builtin_prefetch(&entry);
-    ++count_;
-  }
-
-  // RCU: the read side in which the routes were added.
-  void print(std::string& text, unsigned int af) {
-    for (size_t i = 0; i < count_; ++i) {
-      __builtin_prefetch(values_[i]->get());
-    }
-    for (size_t i = 0; i < count_; ++i) {
-      entries_[i] = *values_[i];  // holds the entry while it is printed
-      if (entries_[i] != nullptr) {
-        __builtin_prefetch(entries_[i]->oifs.get());
-        __builtin_prefetch(entries_[i]->oifGates.get());
-      }
-    }
-    for (size_t i = 0; i < count_; ++i) {
-      if (entries_[i] != nullptr) {
-        appendRoute(text, *keys_[i], *entries_[i], af);
-      }
-      entries_[i] = nullptr;
-    }
-    count_ = 0;
-  }
-
- private:
-  static constexpr size_t kRoutes = 32;
-  std::array<const MfibKey*, kRoutes> keys_{};
-  std::array<const std::shared_ptr<MfibPvSet>*, kRoutes> values_{};
-  std::array<std::shared_ptr<MfibPvSet>, kRoutes> entries_;
-  size_t count_ = 0;
-};
-
-}  // namespace
-
 std::string getMroutes(Mfib* mfib, unsigned int af) {
   std::string text;
   if (mfib->mfib_ == nullptr) {
@@ -115,14 +70,9 @@ std::string getMroutes(Mfib* mfib, unsigned int af) {
   }
   text.reserve(
       mfib->lastDumpBytes_.load(std::memory_order_relaxed));  // most reads repeat the last one
-  RouteGroup group;
-  for (auto it = mfib->mfib_->begin(); it != mfib->mfib_->end(); ++it) {
-    if (group.full()) {
-      group.print(text, af);
-    }
-    group.add(it.key(), it.value());
-  }
-  group.print(text, af);
+  walkRoutes(*mfib->mfib_, [&text, af](const MfibKey& key, const MfibPvSet& entry) {
+    appendRoute(text, key, entry, af);
+  });
   mfib->lastDumpBytes_.store(text.size(), std::memory_order_relaxed);
   return text;
 }

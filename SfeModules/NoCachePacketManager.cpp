@@ -78,7 +78,7 @@ UnresolvedList* NoCachePacketManager::listWithRoom(const MfibKey& key) {
       return nullptr;
     }
   } else {
-    if (entryCount() >= maxUnresolvedCacheEntries_.load(std::memory_order_relaxed)) {
+    if (holdsAllKeys()) {
       fullUnreported_ = !fullReported_;
       return nullptr;
     }
@@ -87,10 +87,7 @@ UnresolvedList* NoCachePacketManager::listWithRoom(const MfibKey& key) {
     cacheTable_.insert(key, list);
     relaxedAdd(entryCount_, 1);
   }
-  if (list->size() >= maxUnresolvedPktBuffers_.load(std::memory_order_relaxed)) {
-    return nullptr;
-  }
-  return list;
+  return isFull(*list) ? nullptr : list;
 }
 
 bool NoCachePacketManager::addEntryIntoCache(const MfibKey& key, bess::Packet* pkt, uint64_t iif) {

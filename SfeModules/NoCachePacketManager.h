@@ -5,6 +5,7 @@
 //            | resolvedQueueEmpty, takeResolvedKey,       |    -    |  yes   |
 //            |   takeEligible, settle, requeueResolved    |    -    |  yes   |
 //            | resolvePendingPackets                      |   yes   |  yes   |
+//            | heldKeys, roomFor                          |   yes   |   -    |
 //            | limits (atomic words)                      |   yes   |  read  |
 // Ownership  : addEntryIntoCache() copies the packet; the caller keeps its own. A held packet is
 // owned by the packet
@@ -117,6 +118,23 @@ class NoCachePacketManager {
   uint32_t entryCount() const { return entryCount_.load(std::memory_order_relaxed); }
   uint32_t packetCount() const { return packetCount_.load(std::memory_order_relaxed); }
 
+  // What is held for one key. A look at it takes the lock for a time that is bounded whatever is
+  // held: of a longer list the first kLookedAt packets count for `iifs` and `waiting`.
+  struct HeldKey {
+    static constexpr size_t kLookedAt = 64;
+    MfibKey key;
+    size_t packets = 0;
+    TimePoint oldest;
+    std::vector<uint64_t> iifs;  // where they arrived, each once
+    bool waiting = false;        // one of them has not been re-injected
+  };
+  // RCU: one read side for all. A key that comes or goes meanwhile may or may not be there.
+  std::vector<HeldKey> heldKeys();
+
+  // Whether a further packet of the key would be held now.
+  enum class Room : uint8_t { kYes, kNoKeyMore, kNoPacketMore };
+  Room roomFor(const MfibKey& key);
+
  private:
   friend struct NoCacheTestPeer;
 
@@ -132,6 +150,12 @@ class NoCachePacketManager {
 
   // All below: requires the packet queue's lock.
   UnresolvedList* listWithRoom(const MfibKey& key);
+  bool holdsAllKeys() const {
+    return entryCount() >= maxUnresolvedCacheEntries_.load(std::memory_order_relaxed);
+  }
+  bool isFull(const UnresolvedList& list) const {
+    return list.size() >= maxUnresolvedPktBuffers_.load(std::memory_order_relaxed);
+  }
   void countHeld(const UnresolvedPacket& packet);
   bool frontMustStay(TimePoint cutoff) const;
   void countFreed(const UnresolvedPacket& packet);

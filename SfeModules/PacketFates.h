@@ -40,27 +40,52 @@ enum class Fate : uint8_t {
   kCount,
 };
 
-class PacketFates {
+// What was told to the control plane, and what its rate limits held back.
+enum class Notification : uint8_t {
+  kNoCache,
+  kWrongVif,
+  kWholePkt,
+  kNoCacheSuppressed,
+  kWrongVifSuppressed,
+  kCount,
+};
+
+// The name of an event's counter without the prefix: "drop_ttl", "notify_nocache".
+const char* counterName(Fate fate);
+const char* counterName(Notification notification);
+
+// One counter for each value of an enumeration that ends with kCount.
+template <class Event>
+class EventCounts {
  public:
-  // Gives each fate its counter, named "<prefix>.<fate>". Control, before the first packet.
-  void nameIs(const std::string& prefix);
+  // Gives each event its counter, named "<prefix>.<event>". Control, before the first packet.
+  void nameIs(const std::string& prefix) {
+    prefix_ = prefix;
+    for (size_t i = 0; i < kEvents; ++i) {
+      ids_[i] = counterId(name(static_cast<Event>(i)));
+    }
+  }
 
-  void count(int wid, Fate fate) const { bessCounterInc(wid, ids_[static_cast<size_t>(fate)]); }
+  void count(int wid, Event event) const { bessCounterInc(wid, ids_[static_cast<size_t>(event)]); }
 
-  // The name of a fate's counter without the prefix: "drop_ttl".
-  static const char* name(Fate fate);
-
-  uint32_t id(Fate fate) const { return ids_[static_cast<size_t>(fate)]; }
+  uint32_t id(Event event) const { return ids_[static_cast<size_t>(event)]; }
+  // The whole name of an event's counter.
+  std::string name(Event event) const { return prefix_ + "." + counterName(event); }
 
  private:
-  static constexpr size_t kFates = static_cast<size_t>(Fate::kCount);
-  std::array<uint32_t, kFates> ids_ = filled(kMaxCounters);  // no row holds that id
+  static constexpr size_t kEvents = static_cast<size_t>(Event::kCount);
 
-  static constexpr std::array<uint32_t, kFates> filled(uint32_t value) {
-    std::array<uint32_t, kFates> ids{};
+  static constexpr std::array<uint32_t, kEvents> filled(uint32_t value) {
+    std::array<uint32_t, kEvents> ids{};
     ids.fill(value);
     return ids;
   }
+
+  std::array<uint32_t, kEvents> ids_ = filled(kMaxCounters);  // no row holds that id
+  std::string prefix_;
 };
+
+using PacketFates = EventCounts<Fate>;
+using NotificationCounts = EventCounts<Notification>;
 
 }  // namespace SfeModules

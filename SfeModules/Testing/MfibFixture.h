@@ -48,6 +48,7 @@ struct MfibTestPeer {
   static uint64_t bridgeMac(const Mfib& mfib) { return mfib.bridgeMac_; }
   static uint32_t addrLen(const Mfib& mfib) { return mfib.addrLen_; }
   static const PacketFates& fates(const Mfib& mfib) { return mfib.fates_; }
+  static const NotificationCounts& notifications(const Mfib& mfib) { return mfib.notifications_; }
   static std::string namespaceName(const Mfib& mfib) { return mfib.namespaceName_.str(); }
 };
 

@@ -80,7 +80,7 @@ class TasksFixture : public MfibFixture {
   NoCachePacketManager& cache() { return *MfibTestPeer::cache(*mfib_); }
   uint64_t fate(Fate fate) {
     return bessCounter(harness_.wid(),
-                       counterId(std::string("mfib4.default.") + PacketFates::name(fate)));
+                       counterId(std::string("mfib4.default.") + counterName(fate)));
   }
 
   static void expectIdle(const TaskResult& result) {

@@ -116,7 +116,7 @@ void Accounting::expectPacketsAccountedFor() {
   // The soak met what it is for.
   for (const Fate fate :
        {Fate::kHeld, Fate::kReinjected, Fate::kDropExpired, Fate::kDropCacheFull, Fate::kCopied}) {
-    EXPECT_GT(r.fate(fate), 0U) << SfeModules::PacketFates::name(fate);
+    EXPECT_GT(r.fate(fate), 0U) << SfeModules::counterName(fate);
   }
 }
 
