@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "Bess/ControlServer.h"
 #include "Bess/ControlService.h"
@@ -31,6 +32,9 @@ class Daemon {
   ~Daemon() = default;
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
+
+  // Runs `fn` on the control thread, later; it has run when the destructor returns. Any thread.
+  void post(std::function<void()> fn) { control_.post(std::move(fn)); }
 
  private:
   // Each of these starts one thing and stops it when it goes.

@@ -1,5 +1,9 @@
 #include "bessd/Options.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 #include <set>
 #include <sstream>
@@ -48,6 +52,8 @@ void addResourceOptions(CLI::App& app, Options& options, Raw& raw) {
 }
 
 void addRunOptions(CLI::App& app, Options& options, Raw& raw) {
+  app.add_option("--config", options.config,
+                 "Apply this file at start, and again on SIGHUP, by 'sfectl apply'");
   app.add_option("--plugin-dir", options.pluginDirectory, "Where plug-ins named without / are")
       ->capture_default_str();
   app.add_option("--plugin", options.plugins, "Load this plug-in at start; repeated");
@@ -71,6 +77,9 @@ void finish(Options& options, const Raw& raw) {
   constexpr std::string_view kScheme = "unix:";
   if (options.socket.starts_with(kScheme)) {
     options.socket.erase(0, kScheme.size());
+  }
+  if (!options.config.empty() && access(options.config.c_str(), R_OK) != 0) {
+    throw CLI::ValidationError("--config", options.config + ": " + std::strerror(errno));
   }
   if (options.workers.size() > static_cast<size_t>(kMaxWorkers)) {
     throw CLI::ValidationError("--workers", "at most " + std::to_string(kMaxWorkers) + " workers");

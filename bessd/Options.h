@@ -12,13 +12,14 @@ namespace Bessd {
 
 struct Options {
   std::string socket = "/run/sfe/bessd.sock";
+  std::string config;             // file that sfectl applies at the start; empty: none
   std::string listen;             // HOST:PORT, empty: no TCP
   std::vector<uint32_t> workers;  // core of worker 0, 1, ...
   uint32_t memoryMb = 1024;
   bool hugePages = false;
   uint32_t packets = 16384;  // of each memory node
   uint32_t dataRoom = 2048;  // bytes behind the headroom
-  std::string pluginDirectory = "/usr/lib/sfe/modules";
+  std::string pluginDirectory = SFE_PLUGIN_DIRECTORY;
   std::vector<std::string> plugins;  // paths, or names in the directory
   std::vector<std::string> eal;      // further words for the packet library
   std::string toggles;               // directory; empty: the default

@@ -26,6 +26,8 @@ TEST(Options, haveDefaultsThatNeedNothing) {
   const Options& options = *parsed.result.options;
   EXPECT_EQ(options.socket, "/run/sfe/bessd.sock");
   EXPECT_EQ(options.listen, "");
+  EXPECT_EQ(options.config, "");
+  EXPECT_EQ(options.pluginDirectory, SFE_PLUGIN_DIRECTORY);
   EXPECT_TRUE(options.workers.empty());
   EXPECT_FALSE(options.hugePages);
   EXPECT_EQ(options.publishPeriod, std::chrono::seconds(1));
@@ -60,6 +62,12 @@ TEST(Options, takeEverything) {
   EXPECT_EQ(options.logLevel, 2);
 }
 
+TEST(Options, takeAConfigurationFileThatIsThere) {
+  const Parsed parsed = parse({"--config", "/dev/null"});
+  ASSERT_TRUE(parsed.result.options) << parsed.err;
+  EXPECT_EQ(parsed.result.options->config, "/dev/null");
+}
+
 TEST(Options, endWellAfterHelpAndVersion) {
   for (const char* option : {"--help", "-h", "--version"}) {
     const Parsed parsed = parse({option});
@@ -75,6 +83,7 @@ TEST(Options, refuseWrongCommandLinesAndSayWhy) {
       {{"--nonsense"}, "--nonsense"},
       {{"word"}, "word"},
       {{"--memory", "1"}, "--memory"},
+      {{"--config", "/nowhere/sfe.yaml"}, "/nowhere/sfe.yaml: No such file"},
       {{"--packets", "none"}, "--packets"},
       {{"--data-room", "70000"}, "--data-room"},
       {{"--publish-period", "0"}, "--publish-period"},

@@ -6,22 +6,25 @@
 
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Base/NyToggles/NyToggles.h"
 #include "Base/Orp/Ptr.h"
 #include "bessd/Daemon.h"
 #include "bessd/Options.h"
+#include "bessd/Service.h"
 
 namespace {
 
-// Blocks the signals that end the daemon, in this thread and in all that it starts.
-sigset_t blockStopSignals() {
+// Blocks the signals that the daemon waits for, in this thread and in all that it starts.
+sigset_t blockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
     sigaddset(&signals, number);
   }
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -35,14 +38,11 @@ void startLogging(const Bessd::Options& options) {
   google::InitGoogleLogging("bessd");
 }
 
-int runDaemon(const Bessd::Options& options, const sigset_t& stopSignals) {
+int runDaemon(const Bessd::Options& options, const sigset_t& signals) {
   try {
-    const Bessd::Daemon daemon(options, [] { kill(getpid(), SIGTERM); });
-    std::cout << "bessd ready" << std::endl;
-    int number = 0;
-    while (sigwait(&stopSignals, &number) != 0) {
-    }
-    LOG(INFO) << "stopping";
+    Bessd::Service service(options, signals);
+    Bessd::Daemon daemon(options, [] { kill(getpid(), SIGTERM); });
+    service.run([&daemon](std::function<void()> fn) { daemon.post(std::move(fn)); });
   } catch (const std::exception& error) {
     std::cerr << "bessd: " << error.what() << std::endl;
     return EXIT_FAILURE;
@@ -60,10 +60,10 @@ int main(int argc, char** argv) {
   }
   // Before there is a second thread.
   Orp::VFPtrInterface::threadSafePointers_ = true;
-  const sigset_t stopSignals = blockStopSignals();
+  const sigset_t signals = blockSignals();
   startLogging(*parsed.options);
   if (!parsed.options->toggles.empty()) {
     setToggleDirectory(parsed.options->toggles);
   }
-  return runDaemon(*parsed.options, stopSignals);
+  return runDaemon(*parsed.options, signals);
 }

@@ -58,7 +58,7 @@ class Daemon:
         try:
             self._reader = threading.Thread(target=self._read, daemon=True)
             self._reader.start()
-            if not self._ready.wait(60) or self.process.poll() is not None:
+            if not self._ready.wait(60) or not any("bessd ready" in line for line in self._lines):
                 raise RuntimeError(f"the daemon does not start: {self.log_text()[-2000:]}")
         except BaseException:  # Ctrl-C among them: nobody else knows of the process yet
             self.close()
