@@ -5,6 +5,7 @@ sfe_library(sfe_intf_core STATIC
 
 add_library(SfeIntf MODULE IntfPlugin.cpp)
 target_link_libraries(SfeIntf PRIVATE sfe_intf_core)
+install(TARGETS SfeIntf LIBRARY DESTINATION ${SFE_PLUGIN_DIRECTORY})
 
 sfe_test(intf_test EAL
   SOURCES ForwardingMetadataTest.cpp IntfFrameTest.cpp IntfInTest.cpp IntfOutTest.cpp IntfTableTest.cpp

@@ -10,6 +10,7 @@ target_compile_options(mfib_core PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-uniqu
 
 add_library(Mfib MODULE $<TARGET_OBJECTS:mfib_core>)
 target_link_libraries(Mfib PRIVATE mfib_core)
+install(TARGETS Mfib LIBRARY DESTINATION ${SFE_PLUGIN_DIRECTORY})
 
 if(SFE_TESTS)
   sfe_library(mfib_testing STATIC
