@@ -18,10 +18,12 @@
 #include <atomic>
 #include <climits>
 #include <condition_variable>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string_view>
 #include <thread>
@@ -38,13 +40,34 @@ using Generator = std::function<std::string()>;
 constexpr unsigned kSecondsBeforeMount = 5;
 constexpr mode_t kMountPointMode = 0700;
 
-// Never destroyed, and reached by reference: FUSE's threads use them while the process exits.
+// An object without an end: FUSE's threads use it while the process exits. It lies in the library's
+// own memory, so a library that is unloaded before there are such threads leaves nothing behind.
+template <class T>
+class Endless {
+ public:
+  template <class... Args>
+  explicit Endless(Args&&... args) {
+    new (memory_) T(std::forward<Args>(args)...);
+  }
+  T& get() { return *std::launder(reinterpret_cast<T*>(memory_)); }
+
+ private:
+  alignas(T) std::byte memory_[sizeof(T)];
+};
+
+Endless<std::mutex> theLock;
+Endless<std::condition_variable> theEnd;
+Endless<std::map<std::string, Generator>> theRegistry;
+Endless<std::multiset<std::string>> theRunning;
+Endless<std::string> theMountPath("/BessProc/");
+
 // Guarded by registryLock: registry, running, oper (until filled), fuseThread.
-auto& registryLock = *new std::mutex;
-auto& generatorEnded = *new std::condition_variable;
-auto& registry = *new std::map<std::string, Generator>;
-auto& running = *new std::multiset<std::string>;  // the files whose generators are running now
-auto& fuseMountPath = *new std::string("/BessProc/");
+std::mutex& registryLock = theLock.get();
+std::condition_variable& generatorEnded = theEnd.get();
+std::map<std::string, Generator>& registry = theRegistry.get();
+std::multiset<std::string>& running =
+    theRunning.get();  // the files whose generators are running now
+const std::string& fuseMountPath = theMountPath.get();
 fuse_operations oper;
 std::atomic<uint32_t> fuseBufferSize{0};  // written by control, read by FUSE's threads
 std::atomic<int> fuseThreadId{0};         // written by the FUSE thread

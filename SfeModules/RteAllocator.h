@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "Base/RcuAnnotate.h"
@@ -64,9 +65,11 @@ class HeldBackBlocks {
   static constexpr size_t kHeldBack = 512;
 
   static void add(void* block, size_t bytes) {
-    static HeldBackBlocks* blocks = new HeldBackBlocks;  // outlives every thread that frees
+    static constinit HeldBackBlocks
+        blocks;  // needs no destruction: outlives every thread that frees
+    static_assert(std::is_trivially_destructible_v<HeldBackBlocks>);
     SFE_ASAN_POISON(block, bytes);
-    auto [oldest, oldestBytes] = blocks->swapOldest(block, bytes);
+    auto [oldest, oldestBytes] = blocks.swapOldest(block, bytes);
     if (oldest != nullptr) {
       SFE_ASAN_UNPOISON(oldest, oldestBytes);
       rte_free(oldest);

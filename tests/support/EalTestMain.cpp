@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
   // Every thread that touches an RCU table is a registered reader, the test's own included.
   urcu_qsbr_register_thread();
   const int result = RUN_ALL_TESTS();
+  // What waits for a grace period is freed before leaks are looked for.
+  urcu_qsbr_barrier();
   urcu_qsbr_unregister_thread();
   return result;
 }
