@@ -171,7 +171,7 @@ TEST_F(ServiceTest, leavesTheWatchdogAloneWhileAWorkerIsStuck) {
   manager_.next("worker 0 has made no progress");
   for (int i = 0; i < 3; ++i) {
     const std::string message = manager_.next();
-    EXPECT_EQ(message.find("STATUS=worker 0 has made no progress"), 0u) << message;
+    EXPECT_EQ(message.find("WATCHDOG=1"), std::string::npos) << message;
   }
   stuck_ = false;
   EXPECT_NE(manager_.next("WATCHDOG=1"), "");

@@ -24,6 +24,8 @@ def kind(command, option):
         return ",".join(option.choices)
     if name == "NAME" and len(command.words) > 2 and command.words[2] != "add":
         return NAMES_OF.get(command.words[1], "nothing")
+    if command.words[1:] == ["capture"] and name == "GATE":
+        return "modules"
     if name.startswith("--tls-"):
         return "files"
     return BY_NAME.get(name, "nothing")
