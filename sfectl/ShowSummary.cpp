@@ -1,5 +1,4 @@
 // The state of every VRF and family on one screen, and where packets went that did not go out.
-#include <algorithm>
 #include <memory>
 #include <ostream>
 
@@ -11,8 +10,6 @@
 
 namespace Sfectl {
 namespace {
-
-using Stub = Client::Stub;
 
 void addInstance(Client& client, const Instance& instance, Report& report) {
   const auto routes = StateText::fetch(client, instance.module, "routes");
@@ -39,9 +36,9 @@ void addReasons(Client& client,
                 const std::vector<Instance>& instances,
                 bool zeroes,
                 Report& report) {
-  const auto counters = client.call(&Stub::GetCounters);
   for (const Instance& instance : instances) {
-    for (const DropReason& reason : dropReasons(counters.counters(), instance)) {
+    const auto metrics = StateText::fetch(client, instance.module, "metrics");
+    for (const DropReason& reason : dropReasons(metrics)) {
       if (zeroes || reason.packets > 0) {
         report.add({instance.module, reason.words, reason.packets});
       }
