@@ -11,7 +11,7 @@ BY_NAME = {
     "--namespace": "namespaces",
     "FILE": "files", "PATH": "files", "--file": "files", "--config": "files", "--plugin": "files", "--socket": "files",
     "--read-socket": "files", "--toggles": "directories", "--plugin-dir": "directories",
-    "--group": "groups", "--read-group": "groups",
+    "--svg": "files", "--group": "groups", "--read-group": "groups",
     "--log-level": "0,1,2", "--af": "4,6",
 }
 # Operands that are called NAME, by the command above theirs.
@@ -24,8 +24,6 @@ def kind(command, option):
         return ",".join(option.choices)
     if name == "NAME" and len(command.words) > 2 and command.words[2] != "add":
         return NAMES_OF.get(command.words[1], "nothing")
-    if command.words[1:] == ["capture"] and name == "GATE":
-        return "modules"
     if name.startswith("--tls-"):
         return "files"
     return BY_NAME.get(name, "nothing")

@@ -300,7 +300,7 @@ void addCaptureCommands(CLI::App& app, Session& session) {
   auto words = std::make_shared<CaptureWords>();
   auto* command = app.add_subcommand("capture", "Write the packets of a gate into a capture file");
   command
-      ->add_option("GATE", words->gate,
+      ->add_option("MODULE", words->gate,
                    "MODULE[:in|:out][:GATE]; the output gate 0 when nothing else is said")
       ->required();
   command->add_option("FILE", words->file, "Where to write; '-' is the standard output")
