@@ -1,7 +1,5 @@
 #include "SfeModules/MfibTypes.h"
 
-#include <charconv>
-
 namespace SfeModules {
 
 MfibPvSet::MfibPvSet(uint32_t oifCount) : numOifs(oifCount), createTime(Clock::now()) {
@@ -47,39 +45,30 @@ MacAddr multicastMac(unsigned int af, const AddrBytes& group) {
   return {0x33, 0x33, group[12], group[13], group[14], group[15]};
 }
 
-namespace {
-
-void appendDecimal(std::string& text, unsigned value) {
-  std::array<char, 12> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-  auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
-  text.append(digits.data(), end);
-}
-
-}  // namespace
-
-void appendAddr(std::string& text, const unsigned char* addr, unsigned int af) {
+void writeAddr(Orp::TextWriter& text, const unsigned char* addr, unsigned int af) {
   constexpr char kHex[] = "0123456789abcdef";
   constexpr unsigned kIpv6 = 2;
   const unsigned length = af == kAfIpv4 ? kIpv4AddrLen : kIpv6AddrLen;
   for (unsigned i = 0; i < length; ++i) {
     if (af == kIpv6) {
-      text += kHex[addr[i] >> 4];
-      text += kHex[addr[i] & 0xf];
+      text << kHex[addr[i] >> 4] << kHex[addr[i] & 0xf];
       if (i % 2 == 1 && i + 1 < length) {
-        text += ':';
+        text << ':';
       }
       continue;
     }
-    appendDecimal(text, addr[i]);
+    text << uint32_t{addr[i]};
     if (af == kAfIpv4 && i + 1 < length) {
-      text += '.';
+      text << '.';
     }
   }
 }
 
 std::string addrArrayToStr(const unsigned char* addr, unsigned int af) {
   std::string text;
-  appendAddr(text, addr, af);
+  Orp::TextWriter writer(text);
+  writeAddr(writer, addr, af);
+  writer.flush();
   return text;
 }
 

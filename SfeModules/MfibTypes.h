@@ -20,6 +20,7 @@
 
 #include "Base/Bindle/UnorderedMapTransient.h"
 #include "Base/Orp/Hash.h"
+#include "Base/Orp/TextWriter.h"
 #include "Bess/Packet.h"
 #include "Bess/PacketBatch.h"
 #include "Nynet/Address.h"
@@ -188,7 +189,7 @@ MacAddr multicastMac(unsigned int af, const AddrBytes& group);
 // Requires: 4 (else 16) readable bytes.
 std::string addrArrayToStr(const unsigned char* addr, unsigned int af);
 
-// The same, appended, without a temporary.
-void appendAddr(std::string& text, const unsigned char* addr, unsigned int af);
+// The same without a temporary.
+void writeAddr(Orp::TextWriter& text, const unsigned char* addr, unsigned int af);
 
 }  // namespace SfeModules

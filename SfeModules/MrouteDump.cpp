@@ -1,7 +1,6 @@
 #include "SfeModules/MrouteDump.h"
 
 #include <array>
-#include <charconv>
 
 #include "SfeModules/Mfib.h"
 #include "SfeModules/RouteWalk.h"
@@ -10,56 +9,79 @@ namespace SfeModules {
 
 namespace {
 
-void appendNumber(std::string& text, uint32_t value) {
-  std::array<char, 12> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-  auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
-  text.append(digits.data(), end);
-}
+using Orp::TextWriter;
 
-// An interface that a route may do without prints as nothing.
-void appendIntfLine(std::string& text, std::string_view label, Nynet::IntfId id) {
-  text += label;
-  if (id.value() != 0) {
-    id.appendTo(text);
-  }
-  text += '\n';
-}
-
-void appendFlagLine(std::string& text, std::string_view label, bool flag) {
-  text += label;
-  text += flag ? '1' : '0';
-  text += '\n';
-}
-
-void appendRoute(std::string& text, const MfibKey& key, const MfibPvSet& entry, unsigned int af) {
-  text += "Source: ";
-  appendAddr(text, key.source.data(), af);
-  text += " Group: ";
-  appendAddr(text, key.group.data(), af);
-  text += '\n';
-  appendIntfLine(text, "Iif: ", entry.iif);
-  appendIntfLine(text, "IifFrr: ", entry.iifFrr);
-  appendIntfLine(text, "Notify: ", entry.notify);
-  appendIntfLine(text, "Fastdrop: ", entry.fastdrop);
-  appendFlagLine(text, "ToCpu: ", entry.toCpu);
-  appendFlagLine(text, "IifRegister: ", entry.iifRegister);
-  appendFlagLine(text, "OifRegister: ", entry.oifRegister);
-  text += "Oifs: ";
-  for (uint32_t i = 0; i < entry.numOifs; ++i) {
-    if (i > 0) {
-      text += ' ';
+// Names of interfaces: routes share them, so most are still there from the last route.
+class IntfNames {
+ public:
+  const std::string& of(Nynet::IntfId id) {
+    Slot& slot = slots_[(id.value() ^ id.value() >> kPortShift) % kSlots];
+    if (slot.id != id) {
+      slot.id = id;
+      slot.name = id.stringValue();
     }
-    entry.oifs[i].appendTo(text);
+    return slot.name;
   }
-  text += "\nOifGates: ";
-  for (uint32_t i = 0; i < entry.numOifs; ++i) {
-    if (i > 0) {
-      text += ' ';
+
+ private:
+  static constexpr size_t kSlots = 256;
+  static constexpr unsigned kPortShift = 20;  // where ids of ports differ
+  struct Slot {
+    Nynet::IntfId id;
+    std::string name = id.stringValue();
+  };
+  std::array<Slot, kSlots> slots_;
+};
+
+// Prints routes into one text.
+class RoutePrinter {
+ public:
+  RoutePrinter(std::string& text, unsigned int af) : text_(text), af_(af) {}
+
+  void print(const MfibKey& key, const MfibPvSet& entry) {
+    text_ << "Source: ";
+    writeAddr(text_, key.source.data(), af_);
+    text_ << " Group: ";
+    writeAddr(text_, key.group.data(), af_);
+    intfLine("\nIif: ", entry.iif);
+    intfLine("\nIifFrr: ", entry.iifFrr);
+    intfLine("\nNotify: ", entry.notify);
+    intfLine("\nFastdrop: ", entry.fastdrop);
+    text_ << "\nToCpu: " << flag(entry.toCpu);
+    text_ << "\nIifRegister: " << flag(entry.iifRegister);
+    text_ << "\nOifRegister: " << flag(entry.oifRegister);
+    text_ << "\nOifs: ";
+    for (uint32_t i = 0; i < entry.numOifs; ++i) {
+      separate(i);
+      text_ << names_.of(entry.oifs[i]);
     }
-    appendNumber(text, entry.oifGates[i]);
+    text_ << "\nOifGates: ";
+    for (uint32_t i = 0; i < entry.numOifs; ++i) {
+      separate(i);
+      text_ << entry.oifGates[i];
+    }
+    text_ << '\n';
   }
-  text += '\n';
-}
+
+ private:
+  // An interface that a route may do without prints as nothing.
+  void intfLine(std::string_view label, Nynet::IntfId id) {
+    text_ << label;
+    if (!id.isNone()) {
+      text_ << names_.of(id);
+    }
+  }
+  static char flag(bool value) { return value ? '1' : '0'; }
+  void separate(uint32_t index) {
+    if (index > 0) {
+      text_ << ' ';
+    }
+  }
+
+  TextWriter text_;
+  const unsigned int af_;
+  IntfNames names_;
+};
 
 }  // namespace
 
@@ -70,9 +92,12 @@ std::string getMroutes(Mfib* mfib, unsigned int af) {
   }
   text.reserve(
       mfib->lastDumpBytes_.load(std::memory_order_relaxed));  // most reads repeat the last one
-  walkRoutes(*mfib->mfib_, [&text, af](const MfibKey& key, const MfibPvSet& entry) {
-    appendRoute(text, key, entry, af);
-  });
+  {
+    RoutePrinter printer(text, af);
+    walkRoutes(*mfib->mfib_, [&printer](const MfibKey& key, const MfibPvSet& entry) {
+      printer.print(key, entry);
+    });
+  }
   mfib->lastDumpBytes_.store(text.size(), std::memory_order_relaxed);
   return text;
 }

@@ -109,6 +109,9 @@ class NyRcuHt {
     const K& key() const { return node()->key; }
     const V& value() const { return node()->value; }
 
+    // Lets the next position come from memory while the caller is busy with this one.
+    void prefetchNext() const { __builtin_prefetch(iter_.next); }
+
     NyRcuHtIterator& operator++() {
       cds_lfht_next(table_, &iter_);
       SFE_RCU_DEREFERENCE(iter_.node);

@@ -7,66 +7,75 @@
 
 #include <array>
 #include <cstddef>
-#include <memory>
 
 #include "SfeModules/NoCachePacketManager.h"
 
 namespace SfeModules {
 
-// Calls print(const MfibKey&, const MfibPvSet&) for each route, in the table's own order.
+// The routes between the walk and the printing: each comes a step closer with each route that is
+// found. A route's entry stays as long as its node, so for the whole read side.
 template <class Print>
-class RouteGroup {
+class RoutePipeline {
  public:
-  explicit RouteGroup(Print& print) : print_(print) {}
+  explicit RoutePipeline(Print& print) : print_(print) {}
 
-  bool full() const { return count_ == kRoutes; }
-
-  void add(const MfibKey& key, const std::shared_ptr<MfibPvSet>& entry) {
-    keys_[count_] = &key;
-    values_[count_] = &entry;
+  void push(const MfibKey& key, const std::shared_ptr<MfibPvSet>& entry) {
     __builtin_prefetch(&entry);
-    ++count_;
+    slots_[found_++ % kSlots] = {&key, &entry};
+    advance();
   }
 
-  void flush() {
-    for (size_t i = 0; i < count_; ++i) {
-      __builtin_prefetch(values_[i]->get());
+  void drain() {
+    for (size_t i = 0; i < kSlots; ++i) {
+      ++found_;
+      advance();
     }
-    for (size_t i = 0; i < count_; ++i) {
-      entries_[i] = *values_[i];  // holds the entry while it is printed
-      if (entries_[i] != nullptr) {
-        __builtin_prefetch(entries_[i]->oifs.get());
-        __builtin_prefetch(entries_[i]->oifGates.get());
-      }
-    }
-    for (size_t i = 0; i < count_; ++i) {
-      if (entries_[i] != nullptr) {
-        print_(*keys_[i], *entries_[i]);
-      }
-      entries_[i] = nullptr;
-    }
-    count_ = 0;
   }
 
  private:
-  static constexpr size_t kRoutes = 32;
+  static constexpr size_t kSlots = 32;  // more than the last stage
+  static constexpr size_t kEntryStage = 6;
+  static constexpr size_t kOifsStage = 12;
+  static constexpr size_t kPrintStage = 18;
+  struct Slot {
+    const MfibKey* key = nullptr;
+    const std::shared_ptr<MfibPvSet>* entry = nullptr;
+    const MfibPvSet* get() const { return entry != nullptr ? entry->get() : nullptr; }
+  };
+
+  // The route that was found so many routes before the last one.
+  Slot& at(size_t stage) { return slots_[(found_ + kSlots - 1 - stage) % kSlots]; }
+
+  void advance() {
+    if (const MfibPvSet* entry = at(kEntryStage).get(); entry != nullptr) {
+      __builtin_prefetch(entry);
+    }
+    if (const MfibPvSet* entry = at(kOifsStage).get(); entry != nullptr) {
+      __builtin_prefetch(entry->oifs.get());
+      __builtin_prefetch(entry->oifGates.get());
+    }
+    Slot& last = at(kPrintStage);
+    if (const MfibPvSet* entry = last.get(); entry != nullptr) {
+      print_(*last.key, *entry);
+    }
+    last = {};
+  }
+
   Print& print_;
-  std::array<const MfibKey*, kRoutes> keys_{};
-  std::array<const std::shared_ptr<MfibPvSet>*, kRoutes> values_{};
-  std::array<std::shared_ptr<MfibPvSet>, kRoutes> entries_;
-  size_t count_ = 0;
+  std::array<Slot, kSlots> slots_;
+  size_t found_ = 0;
 };
 
+// Calls print(const MfibKey&, const MfibPvSet&) for each route, in the table's own order.
 template <class Print>
 void walkRoutes(const NoCachePacketManager::RouteTable& routes, Print print) {
-  RouteGroup<Print> group(print);
-  for (auto it = routes.begin(); it != routes.end(); ++it) {
-    if (group.full()) {
-      group.flush();
-    }
-    group.add(it.key(), it.value());
+  RoutePipeline<Print> pipeline(print);
+  const auto end = routes.end();
+  for (auto it = routes.begin(); !(it == end); ++it) {
+    it.prefetchNext();
+    pipeline.push(it.key(), it.value());
   }
-  group.flush();
+  pipeline.drain();
 }
 
 }  // namespace SfeModules
