@@ -14,6 +14,7 @@
 #include "Bess/PortRegistry.h"
 #include "Bess/Worker.h"
 #include "Sfe/Counters/Counters.h"
+#include "bessd/States.h"
 
 namespace Bessd {
 namespace {
@@ -115,6 +116,7 @@ bess::ControlExtensions Daemon::extensions(const Options& options,
   result.shutdown = std::move(shutdown);
   result.counterId = [&counters](const std::string& name) { return counters.id(name); };
   result.counters = [&counters](bess::pb::CountersResponse* out) { counters.fill(out); };
+  result.states = ownStates();
   return result;
 }
 

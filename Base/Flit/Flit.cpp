@@ -137,7 +137,7 @@ std::vector<Record> read(int maxLevel) {
     const Point* point = Points::instance().find(one.point);
     if (point != nullptr && point->level <= maxLevel) {
       records.push_back({scale.unixNs(one.ticks), one.slot, point->level,
-                         point->text(words.subspan(one.firstWord, one.words))});
+                         point->text(words.subspan(one.firstWord, one.words)), point->signature});
     }
   }
   return records;

@@ -57,7 +57,13 @@ struct Record {
   uint64_t timeNs;      // since 1970, UTC
   uint32_t threadSlot;  // the writer's Orp::threadSlot(); kNoSlot when it had none
   int level;
-  std::string text;  // "signature: message with values"
+  std::string text;            // "signature: message with values"
+  std::string_view signature;  // of the writing function; valid for ever
+
+  std::string_view message() const {
+    constexpr size_t kSeparator = 2;
+    return std::string_view(text).substr(signature.size() + kSeparator);
+  }
 };
 
 // Returns: the records of all rings up to `maxLevel`, in time order.

@@ -46,6 +46,8 @@ TEST(Flit, rendersEveryKindOfValue) {
   const auto records = recordsOf("void everyKind()");
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].text, "void everyKind(): a 18446744073709551615 b -5 c 7 d text end");
+  EXPECT_EQ(records[0].signature, "void everyKind()");
+  EXPECT_EQ(records[0].message(), "a 18446744073709551615 b -5 c 7 d text end");
   EXPECT_EQ(records[0].level, 3);
   EXPECT_EQ(records[0].threadSlot, Orp::threadSlot());
 }

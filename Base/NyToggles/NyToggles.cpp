@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -23,7 +24,9 @@ constexpr size_t kMaxFileBytes = size_t{1} << 20;
 
 struct Directory {
   std::mutex mutex;
-  std::string path;  // guarded by mutex
+  // Guarded by mutex.
+  std::string path;
+  std::map<std::pair<std::string, std::string>, bool> asked;  // answers by owner and toggle
 
   Directory() {
     const char* set = std::getenv("SFE_TOGGLES");  // NOLINT(concurrency-mt-unsafe): nobody sets it
@@ -119,7 +122,9 @@ bool isFileName(std::string_view owner) {
 
 }  // namespace
 
-bool getToggleState(const char* toggle, const char* owner, bool defaultState) {
+namespace {
+
+bool stateOf(const char* toggle, const char* owner, bool defaultState) {
   if (!isFileName(owner)) {
     LOG(WARNING) << "Toggle " << toggle << ": \"" << owner << "\" is not a file name; using the "
                  << "default";
@@ -138,6 +143,26 @@ bool getToggleState(const char* toggle, const char* owner, bool defaultState) {
                  << "; using the default, " << std::boolalpha << defaultState;
     return defaultState;
   }
+}
+
+}  // namespace
+
+bool getToggleState(const char* toggle, const char* owner, bool defaultState) {
+  const bool state = stateOf(toggle, owner, defaultState);
+  Directory& toggles = directory();
+  const std::lock_guard lock(toggles.mutex);
+  toggles.asked[{owner, toggle}] = state;
+  return state;
+}
+
+std::vector<AskedToggle> askedToggles() {
+  Directory& toggles = directory();
+  const std::lock_guard lock(toggles.mutex);
+  std::vector<AskedToggle> all;
+  for (const auto& [key, value] : toggles.asked) {
+    all.push_back({key.first, key.second, value});
+  }
+  return all;
 }
 
 void setToggleDirectory(std::string path) {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 // Returns: the state of `toggle` in the file `owner` of the toggle directory.
 // An `owner` that would leave the directory (has a '/', is "..") is refused with a warning.
@@ -17,3 +18,11 @@ bool getToggleState(const char* toggle, const char* owner, bool defaultState);
 
 // The directory is $SFE_TOGGLES, else /etc/sfe/toggles, until it is set here.
 void setToggleDirectory(std::string path);
+
+// What was asked for so far, each toggle with its last answer, by owner and name.
+struct AskedToggle {
+  std::string owner;
+  std::string name;
+  bool value;
+};
+std::vector<AskedToggle> askedToggles();

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace {
 
@@ -43,6 +44,23 @@ TEST_F(NyToggles, readsTheStateFromTheOwnersFile) {
   fileIs(R"({"MfaWcFwd": false, "Other": true})");
   EXPECT_FALSE(getToggleState("MfaWcFwd", "Mroute.json", true));
   EXPECT_TRUE(getToggleState("Other", "Mroute.json", false));
+}
+
+TEST_F(NyToggles, remembersWhatWasAskedForAndTheLastAnswer) {
+  fileIs(R"({"Remembered": false})");
+  getToggleState("Remembered", "Mroute.json", true);
+  getToggleState("Absent", "Other.json", true);
+  std::map<std::string, bool> asked;
+  for (const AskedToggle& toggle : askedToggles()) {
+    EXPECT_TRUE(asked.emplace(toggle.owner + " " + toggle.name, toggle.value).second);
+  }
+  EXPECT_FALSE(asked.at("Mroute.json Remembered"));
+  EXPECT_TRUE(asked.at("Other.json Absent"));
+  fileIs(R"({"Remembered": true})");
+  getToggleState("Remembered", "Mroute.json", false);
+  for (const AskedToggle& toggle : askedToggles()) {
+    EXPECT_TRUE(toggle.name != "Remembered" || toggle.value);
+  }
 }
 
 TEST_F(NyToggles, readsTheFileAtEachCall) {
