@@ -1,11 +1,14 @@
 #include "Bess/ControlServer.h"
 
+#include <glog/logging.h>
+#include <grpc/support/log.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <grpcpp/health_check_service_interface.h>
 #include <grpcpp/resource_quota.h>
 
 #include <chrono>
 
+#include "Bess/LogLimit.h"
 #include "protocol/bess.grpc.pb.h"
 
 namespace bess {
@@ -14,10 +17,25 @@ namespace {
 // Answers list everything there is.
 constexpr int kMaxAnswerBytes = 64 << 20;
 constexpr std::chrono::seconds kStopPatience{2};
+// A client that comes back after a pause connects again by itself.
+constexpr std::chrono::minutes kIdle{10};
+// How long a host that vanished goes unnoticed.
+constexpr std::chrono::minutes kKeepalive{1};
+
+// What the transport has to say: mostly of clients that it refused.
+void logTransport(gpr_log_func_args* line) {
+  static LogLimit& limit = *new LogLimit;
+  uint64_t dropped = 0;
+  if (line->severity == GPR_LOG_SEVERITY_ERROR && limit.admit(&dropped)) {
+    LOG_IF(WARNING, dropped != 0) << dropped << " lines of the transport were not logged";
+    LOG(WARNING) << "control service: " << line->message;
+  }
+}
 
 void enablePlugins() {
   // Takes effect for the builders that are made afterwards.
   static const bool enabled = [] {
+    gpr_set_log_function(&logTransport);
     grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
     return true;
@@ -40,41 +58,85 @@ void setLimits(grpc::ServerBuilder& builder) {
       grpc::ResourceQuota("control").SetMaxThreads(ControlServer::kMaxThreads));
   builder.SetSyncServerOption(grpc::ServerBuilder::NUM_CQS, 1);
   builder.SetSyncServerOption(grpc::ServerBuilder::MAX_POLLERS, 2);
+  const auto milliseconds = [](auto time) {
+    return static_cast<int>(std::chrono::milliseconds(time).count());
+  };
+  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS,
+                             milliseconds(std::chrono::seconds(ControlServer::kHandshakeSeconds)));
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, milliseconds(kIdle));
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, milliseconds(kKeepalive));
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, ControlServer::kMaxThreads);
   // A second daemon on a port in use must fail, not share it.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
 }
 
+std::string tcpFailure(const ControlServerOptions& options, const std::string& address) {
+  return "cannot listen on " + address +
+         ": is the port in use, or the address not one of this machine" +
+         (options.tls.any() ? ", or the certificate not acceptable?" : "?");
+}
+
 }  // namespace
 
-ControlServer::ControlServer(grpc::Service* service,
-                             const std::string& socket,
-                             const std::string& listen)
-    : socket_(socket) {
+ControlServer::ControlServer(ControlService* service, const ControlServerOptions& options)
+    : socket_(options.socket, options.group) {
+  if (!options.readSocket.empty()) {
+    readers_.emplace(options);
+  }
+  start(service, options);
+  socket_.publish();
+  setHealth(*server_, true);
+  if (readers_) {
+    startReaders(service);
+  }
+}
+
+void ControlServer::start(ControlService* service, const ControlServerOptions& options) {
   enablePlugins();
   grpc::ServerBuilder builder;
   setLimits(builder);
   int unixBound = 0;
-  const std::string tcp = listen.empty() ? "" : loopbackAddress(listen);
+  const std::string tcp =
+      options.listen.empty() ? "" : listenAddress(options.listen, options.tls.any());
   builder.AddListeningPort("unix:" + socket_.bindPath(), grpc::InsecureServerCredentials(),
                            &unixBound);
   if (!tcp.empty()) {
-    builder.AddListeningPort(tcp, grpc::InsecureServerCredentials(), &tcpPort_);
+    builder.AddListeningPort(
+        tcp, options.tls.any() ? tlsCredentials(options.tls) : grpc::InsecureServerCredentials(),
+        &tcpPort_);
   }
   builder.RegisterService(service);
   server_ = builder.BuildAndStart();
   if (server_ == nullptr) {
-    const bool tcpFailed = !tcp.empty() && tcpPort_ == 0;
-    throw ControlSocketError("cannot listen on " + (tcpFailed ? tcp : socket_.path()) +
-                             (tcpFailed ? ": is the port in use?" : ""));
+    throw ControlSocketError(!tcp.empty() && tcpPort_ == 0 ? tcpFailure(options, tcp)
+                                                           : "cannot listen on " + socket_.path());
   }
-  socket_.publish();
-  setHealth(*server_, true);
+}
+
+void ControlServer::startReaders(ControlService* service) {
+  grpc::ServerBuilder builder;
+  setLimits(builder);
+  builder.AddListeningPort("unix:" + readers_->socket.bindPath(),
+                           grpc::InsecureServerCredentials());
+  readers_->service = service->readOnly();
+  builder.RegisterService(readers_->service.get());
+  readers_->server = builder.BuildAndStart();
+  if (readers_->server == nullptr) {
+    throw ControlSocketError("cannot listen on " + readers_->socket.path());
+  }
+  readers_->socket.publish();
+  setHealth(*readers_->server, true);
 }
 
 ControlServer::~ControlServer() {
-  setHealth(*server_, false);
-  server_->Shutdown(std::chrono::system_clock::now() + kStopPatience);
-  server_->Wait();
+  const auto deadline = std::chrono::system_clock::now() + kStopPatience;
+  for (grpc::Server* server : {readers_ ? readers_->server.get() : nullptr, server_.get()}) {
+    if (server != nullptr) {
+      setHealth(*server, false);
+      server->Shutdown(deadline);
+      server->Wait();
+    }
+  }
 }
 
 }  // namespace bess

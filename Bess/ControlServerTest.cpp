@@ -18,6 +18,13 @@ namespace {
 
 class ControlServerTest : public ControlTest {
  protected:
+  ControlServerOptions on(const std::string& socket, const std::string& listen) const {
+    ControlServerOptions options;
+    options.socket = directory_.file(socket);
+    options.listen = listen;
+    return options;
+  }
+
   static constexpr const char* kCreateModule = "/bess.pb.BESSControl/CreateModule";
 };
 
@@ -130,13 +137,13 @@ TEST_F(ControlServerTest, refusesCallsOnceTheControlThreadHasEnded) {
 
 TEST_F(ControlServerTest, refusesASecondServerOnTheSameSocket) {
   ControlService other(control_, {});
-  EXPECT_THROW(ControlServer(&other, socket_, ""), ControlSocketError);
+  EXPECT_THROW(ControlServer(&other, options_), ControlSocketError);
   expectAlive(0);
 }
 
 TEST_F(ControlServerTest, listensOnTheLoopbackWhenAsked) {
   ControlService other(control_, {});
-  const ControlServer server(&other, directory_.file("other.sock"), "127.0.0.1:0");
+  const ControlServer server(&other, on("other.sock", "127.0.0.1:0"));
   ASSERT_NE(server.tcpPort(), 0);
   const std::string address = "127.0.0.1:" + std::to_string(server.tcpPort());
   const auto stub =
@@ -146,13 +153,13 @@ TEST_F(ControlServerTest, listensOnTheLoopbackWhenAsked) {
   EXPECT_TRUE(stub->GetVersion(&context, {}, &response).ok());
   // The port is not shared with a second server.
   ControlService third(control_, {});
-  EXPECT_THROW(ControlServer(&third, directory_.file("third.sock"), address), ControlSocketError);
+  EXPECT_THROW(ControlServer(&third, on("third.sock", address)), ControlSocketError);
 }
 
 TEST_F(ControlServerTest, leavesNoSocketBehind) {
   server_.reset();
   EXPECT_TRUE(std::filesystem::is_empty(directory_.file("run")));
-  server_ = std::make_unique<ControlServer>(service_.get(), socket_, "");
+  server_ = std::make_unique<ControlServer>(service_.get(), options_);
 }
 
 }  // namespace

@@ -46,7 +46,22 @@ void addPools(pb::StatsResponse* response) {
 }  // namespace
 
 ControlService::ControlService(ControlThread& control, ControlExtensions extensions)
-    : control_(control), extensions_(std::move(extensions)) {}
+    : control_(control),
+      extensions_(std::move(extensions)),
+      access_(ControlAccess::Scope::kEverything, extensions_.readOnlyNames),
+      started_(std::chrono::steady_clock::now()),
+      paused_(std::make_shared<bool>(false)) {}
+
+ControlService::ControlService(const ControlService& everything, ControlAccess::Scope scope)
+    : control_(everything.control_),
+      extensions_(everything.extensions_),
+      access_(scope),
+      started_(everything.started_),
+      paused_(everything.paused_) {}
+
+std::unique_ptr<ControlService> ControlService::readOnly() const {
+  return std::unique_ptr<ControlService>(new ControlService(*this, ControlAccess::Scope::kReads));
+}
 
 std::string ControlService::pluginPath(const std::string& name) const {
   const bool plain = !name.empty() && name.find('/') == std::string::npos;
@@ -90,15 +105,15 @@ void ControlService::handleShutdown(const pb::EmptyRequest&, pb::EmptyResponse*)
 }
 
 void ControlService::handlePauseAll(const pb::EmptyRequest&, pb::EmptyResponse*) {
-  if (!paused_) {
+  if (!*paused_) {
     pauseWorkers();
-    paused_ = true;
+    *paused_ = true;
   }
 }
 
 void ControlService::handleResumeAll(const pb::EmptyRequest&, pb::EmptyResponse*) {
-  if (paused_) {
-    paused_ = false;
+  if (*paused_) {
+    *paused_ = false;
     resumeWorkers();
   }
 }
@@ -124,7 +139,7 @@ void ControlService::handleGetStats(const pb::EmptyRequest&, pb::StatsResponse* 
   const auto now = std::chrono::steady_clock::now();
   response->set_timestamp_ns(nanoseconds(now.time_since_epoch()));
   response->set_uptime_ns(nanoseconds(now - started_));
-  response->set_paused(paused_);
+  response->set_paused(*paused_);
   addPools(response);
   for (const WorkerStatus& status : workerStatus()) {
     fillInfo(status, response->add_workers());

@@ -6,7 +6,8 @@
 //              arrival. The extensions are called there too.
 // Errors     : what a request did wrong is in the answer's error object; a call that comes while
 // the control thread
-//              ends has status UNAVAILABLE. A refused request leaves everything as it was.
+//              ends has status UNAVAILABLE, one that the client may not make PERMISSION_DENIED. A
+//              refused request leaves everything as it was.
 // Ownership  : refers to the control thread, which outlives the server that this service is
 // registered with.
 #pragma once
@@ -14,9 +15,11 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "Bess/ControlAccess.h"
 #include "Bess/ControlThread.h"
 #include "Bess/State.h"
 #include "protocol/bess.grpc.pb.h"
@@ -26,8 +29,9 @@ namespace bess {
 // What the program around the framework adds. An operation that is left out is refused.
 struct ControlExtensions {
   std::string version;
-  std::string pluginDirectory;  // of plug-ins named without a slash
-  bool spin = false;            // workers never sleep
+  std::string pluginDirectory;             // of plug-ins named without a slash
+  bool spin = false;                       // workers never sleep
+  std::vector<std::string> readOnlyNames;  // in certificates of clients that may only read
   std::function<void()> shutdown;
   std::function<uint32_t(const std::string& name)> counterId;  // throws std::system_error
   std::function<void(pb::CountersResponse* response)> counters;
@@ -41,13 +45,17 @@ class ControlService final : public pb::BESSControl::Service {
   template <class Request, class Response>
   using Handler = void (ControlService::*)(const Request&, Response*);
 
+  // The same service for clients that may only read. It may not outlive this one.
+  std::unique_ptr<ControlService> readOnly() const;
+
   // The path of a plug-in as a request names it.
   std::string pluginPath(const std::string& name) const;
 
-#define BESS_CONTROL_RPC(name, Request, Response)                                             \
-  grpc::Status name(grpc::ServerContext*, const pb::Request* request, pb::Response* response) \
-      override {                                                                              \
-    return run(&ControlService::handle##name, *request, response);                            \
+#define BESS_CONTROL_RPC(name, Request, Response)                                           \
+  grpc::Status name(grpc::ServerContext* context, const pb::Request* request,               \
+                    pb::Response* response) override {                                      \
+    const grpc::Status allowed = access_.check(*context, #name);                            \
+    return allowed.ok() ? run(&ControlService::handle##name, *request, response) : allowed; \
   }
   BESS_CONTROL_RPC(GetVersion, EmptyRequest, VersionResponse)
   BESS_CONTROL_RPC(Shutdown, EmptyRequest, EmptyResponse)
@@ -96,6 +104,8 @@ class ControlService final : public pb::BESSControl::Service {
   static constexpr int kMaxStreams = 16;
 
  private:
+  ControlService(const ControlService& everything, ControlAccess::Scope scope);
+
   // Runs a handler on the control thread; what it throws becomes the answer's error.
   template <class Request, class Response>
   grpc::Status run(Handler<Request, Response> handler, const Request& request, Response* response) {
@@ -159,12 +169,13 @@ class ControlService final : public pb::BESSControl::Service {
   // Constant after construction.
   ControlThread& control_;
   const ControlExtensions extensions_;
-  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  ControlAccess access_;
+  const std::chrono::steady_clock::time_point started_;
 
   std::atomic<int> streams_{0};  // streaming calls under way
 
   // Control thread. A client's pause, beside those that the framework takes for each change.
-  bool paused_ = false;
+  const std::shared_ptr<bool> paused_;
 };
 
 }  // namespace bess

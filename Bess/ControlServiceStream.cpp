@@ -70,6 +70,9 @@ class ReadAhead {
 grpc::Status ControlService::ModuleCommandStream(
     grpc::ServerContext* context,
     grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) {
+  if (grpc::Status allowed = access_.check(*context, "ModuleCommandStream"); !allowed.ok()) {
+    return allowed;
+  }
   if (!takeStream()) {
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many streaming calls at once"};
   }

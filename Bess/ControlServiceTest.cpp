@@ -94,12 +94,13 @@ TEST_F(ControlServiceTest, passesAShutdownOnAndAnswers) {
 
 TEST_F(ControlServiceTest, refusesWhatTheProgramDoesNotOffer) {
   ControlService bare(control_, {});
+  grpc::ServerContext context;
   pb::EmptyResponse stopped;
-  EXPECT_TRUE(bare.Shutdown(nullptr, std::make_unique<pb::EmptyRequest>().get(), &stopped).ok());
+  EXPECT_TRUE(bare.Shutdown(&context, std::make_unique<pb::EmptyRequest>().get(), &stopped).ok());
   EXPECT_EQ(stopped.error().code(), ENOTSUP);
   pb::CounterIdResponse id;
   const pb::NameRequest request = named("x");
-  EXPECT_TRUE(bare.CounterId(nullptr, &request, &id).ok());
+  EXPECT_TRUE(bare.CounterId(&context, &request, &id).ok());
   EXPECT_EQ(id.error().code(), ENOTSUP);
 }
 

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -68,9 +69,25 @@ bool isLoopback(const std::string& host) {
   return inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
+bool isAddress(const std::string& host) {
+  in6_addr address{};
+  return inet_pton(AF_INET, host.c_str(), &address) == 1 ||
+         inet_pton(AF_INET6, host.c_str(), &address) == 1;
+}
+
+gid_t groupId(const std::string& name) {
+  errno = 0;
+  const group* found = getgrnam(name.c_str());  // NOLINT(concurrency-mt-unsafe): at start
+  if (found == nullptr) {
+    throw ControlSocketError("there is no group '" + name + "' on this machine" +
+                             (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+  }
+  return found->gr_gid;
+}
+
 }  // namespace
 
-std::string loopbackAddress(const std::string& text) {
+std::string listenAddress(const std::string& text, bool tls) {
   const size_t colon = text.rfind(':');
   const std::string portText = colon == std::string::npos ? "" : text.substr(colon + 1);
   std::string host = text.substr(0, colon);
@@ -86,16 +103,22 @@ std::string loopbackAddress(const std::string& text) {
   if (host == "localhost") {
     host = "127.0.0.1";
   }
-  if (!isLoopback(host)) {
-    throw ControlSocketError("refusing to listen on '" + text +
-                             "': calls are neither encrypted nor authenticated, so only loopback "
-                             "addresses (127.0.0.1, [::1]) are allowed");
+  if (!tls && !isLoopback(host)) {
+    throw ControlSocketError(
+        "refusing to listen on '" + text +
+        "': without TLS calls are neither encrypted nor authenticated, so only loopback "
+        "addresses (127.0.0.1, [::1]) are allowed; give --tls-cert, --tls-key and --tls-ca");
+  }
+  if (!isAddress(host)) {
+    throw ControlSocketError("cannot listen on '" + text +
+                             "': HOST is an IP address, such as 0.0.0.0 or [::]");
   }
   const bool v6 = host.find(':') != std::string::npos;
   return (v6 ? "[" + host + "]" : host) + ":" + portText;
 }
 
-ControlSocket::ControlSocket(std::string path) : path_(std::move(path)) {
+ControlSocket::ControlSocket(std::string path, const std::string& group)
+    : path_(std::move(path)), group_(group) {
   const std::string parent = parentOf(path_);
   const size_t longest =
       std::max(path_.size(), parent.size() + std::strlen(kDirectoryTemplate) + 2);
@@ -103,16 +126,19 @@ ControlSocket::ControlSocket(std::string path) : path_(std::move(path)) {
     throw ControlSocketError("socket path '" + path_ + "' is empty or too long; at most " +
                              std::to_string(kMaxPath) + " characters fit into an address");
   }
+  if (!group_.empty()) {
+    gid_ = groupId(group_);
+  }
   std::error_code error;
   std::filesystem::create_directories(parent, error);
   if (error) {
     fail("cannot create directory " + parent, error.value());
   }
-  std::string name = parent + kDirectoryTemplate;
-  if (mkdtemp(name.data()) == nullptr) {
+  std::string directory = parent + kDirectoryTemplate;
+  if (mkdtemp(directory.data()) == nullptr) {
     fail("cannot create a socket in " + parent, errno);
   }
-  directory_ = name;
+  directory_ = directory;
 }
 
 ControlSocket::~ControlSocket() {
@@ -132,14 +158,26 @@ void ControlSocket::publish() {
     fail("cannot lock directory " + parent, errno);
   }
   requireStale();
+  admitGroup();
   struct stat made {};
-  if (chmod(bindPath().c_str(), S_IRUSR | S_IWUSR) != 0 || lstat(bindPath().c_str(), &made) != 0 ||
-      rename(bindPath().c_str(), path_.c_str()) != 0) {
+  if (lstat(bindPath().c_str(), &made) != 0 || rename(bindPath().c_str(), path_.c_str()) != 0) {
     fail("cannot create socket " + path_, errno);
   }
   inode_ = made.st_ino;
   // Nothing of it stays behind when the process is killed but the socket itself.
   rmdir(directory_.c_str());
+}
+
+void ControlSocket::admitGroup() const {
+  const std::string path = bindPath();
+  // The group first: between the two steps nobody else gets in.
+  if (gid_ && lchown(path.c_str(), static_cast<uid_t>(-1), *gid_) != 0) {
+    fail("cannot give socket " + path_ + " to group '" + group_ + "'", errno);
+  }
+  const mode_t forGroup = gid_ ? S_IRGRP | S_IWGRP : 0;
+  if (chmod(path.c_str(), S_IRUSR | S_IWUSR | forGroup) != 0) {
+    fail("cannot create socket " + path_, errno);
+  }
 }
 
 void ControlSocket::requireStale() const {

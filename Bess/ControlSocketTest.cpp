@@ -1,5 +1,6 @@
 #include "Bess/ControlSocket.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -47,26 +48,33 @@ mode_t modeOf(const std::string& path) {
   return lstat(path.c_str(), &found) == 0 ? found.st_mode : 0;
 }
 
-TEST(LoopbackAddress, takesLoopbackAddresses) {
-  EXPECT_EQ(loopbackAddress("127.0.0.1:10514"), "127.0.0.1:10514");
-  EXPECT_EQ(loopbackAddress("127.8.0.1:0"), "127.8.0.1:0");
-  EXPECT_EQ(loopbackAddress("[::1]:10514"), "[::1]:10514");
-  EXPECT_EQ(loopbackAddress("localhost:10514"), "127.0.0.1:10514");
+TEST(ListenAddress, takesLoopbackAddressesWithoutTls) {
+  EXPECT_EQ(listenAddress("127.0.0.1:10514", false), "127.0.0.1:10514");
+  EXPECT_EQ(listenAddress("127.8.0.1:0", false), "127.8.0.1:0");
+  EXPECT_EQ(listenAddress("[::1]:10514", false), "[::1]:10514");
+  EXPECT_EQ(listenAddress("localhost:10514", false), "127.0.0.1:10514");
 }
 
-TEST(LoopbackAddress, refusesEveryOtherAddressWithItsReason) {
+TEST(ListenAddress, refusesEveryOtherAddressWithItsReason) {
   for (const char* text : {"0.0.0.0:10514", "192.0.2.1:10514", "[::]:10514", "[2001:db8::1]:10514",
                            "example.net:10514", "[::ffff:192.0.2.1]:1"}) {
-    EXPECT_NE(complaint([&] { loopbackAddress(text); }).find("neither encrypted"),
-              std::string::npos)
+    EXPECT_NE(complaint([&] { listenAddress(text, false); }).find("without TLS"), std::string::npos)
         << text;
   }
 }
 
-TEST(LoopbackAddress, refusesWhatIsNoHostAndPort) {
+TEST(ListenAddress, takesEveryAddressWithTls) {
+  for (const char* text : {"0.0.0.0:10514", "192.0.2.1:10514", "[::]:10514", "127.0.0.1:1"}) {
+    EXPECT_EQ(listenAddress(text, true), text);
+  }
+  EXPECT_NE(complaint([] { listenAddress("example.net:1", true); }).find("IP address"),
+            std::string::npos);
+}
+
+TEST(ListenAddress, refusesWhatIsNoHostAndPort) {
   for (const char* text : {"", "127.0.0.1", "127.0.0.1:", ":10514", "127.0.0.1:65536",
                            "127.0.0.1:-1", "127.0.0.1:1x"}) {
-    EXPECT_NE(complaint([&] { loopbackAddress(text); }).find("HOST:PORT"), std::string::npos)
+    EXPECT_NE(complaint([&] { listenAddress(text, false); }).find("HOST:PORT"), std::string::npos)
         << text;
   }
 }
@@ -83,6 +91,34 @@ TEST(ControlSocket, isItsOwnersAloneInADirectoryThatItMakes) {
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
   }
   EXPECT_TRUE(std::filesystem::is_empty(directory.file("a/b")));
+}
+
+TEST(ControlSocket, isItsGroupsToo) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root may give a file to any group";
+  }
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("s.sock");
+  const group* other = getgrnam("daemon");
+  ASSERT_NE(other, nullptr);
+  ControlSocket socket(path, "daemon");
+  const Listener listener(socket.bindPath());
+  // Until it is whole it is in a directory of its owner.
+  const std::string place = std::filesystem::path(socket.bindPath()).parent_path();
+  EXPECT_EQ(modeOf(place), mode_t{S_IFDIR | S_IRWXU});
+  socket.publish();
+  EXPECT_EQ(modeOf(path), mode_t{S_IFSOCK | S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP});
+  struct stat found {};
+  ASSERT_EQ(lstat(path.c_str(), &found), 0);
+  EXPECT_EQ(found.st_gid, other->gr_gid);
+}
+
+TEST(ControlSocket, refusesAGroupThatIsNotThere) {
+  const TemporaryDirectory directory;
+  const std::string said =
+      complaint([&] { ControlSocket(directory.file("s.sock"), "no-such-group"); });
+  EXPECT_NE(said.find("no group 'no-such-group'"), std::string::npos) << said;
+  EXPECT_EQ(directory.entries(), 0u);
 }
 
 TEST(ControlSocket, replacesTheSocketOfADeadProcess) {

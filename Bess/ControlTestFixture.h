@@ -77,7 +77,7 @@ class ControlTest : public testing::Test {
     extensions.states = {
         {"own", "Of the program", [](const std::string& arg) { return "own " + arg; }}};
     service_ = std::make_unique<ControlService>(control_, extensions);
-    server_ = std::make_unique<ControlServer>(service_.get(), socket_, "");
+    server_ = std::make_unique<ControlServer>(service_.get(), options_);
     channel_ = grpc::CreateChannel("unix:" + socket_, grpc::InsecureChannelCredentials());
     stub_ = pb::BESSControl::NewStub(channel_);
   }
@@ -144,6 +144,13 @@ class ControlTest : public testing::Test {
 
   TemporaryDirectory directory_;
   const std::string socket_ = directory_.file("run/bessd.sock");
+  const std::string readSocket_ = directory_.file("run/read.sock");
+  const ControlServerOptions options_{.socket = socket_,
+                                      .group = "",
+                                      .readSocket = readSocket_,
+                                      .readGroup = "",
+                                      .listen = "",
+                                      .tls = {}};
   std::atomic<int> shutdowns_{0};
   ControlThread control_;
   std::unique_ptr<ControlService> service_;

@@ -101,9 +101,8 @@ Daemon::Daemon(const Options& options, std::function<void()> shutdown)
     loadPlugins(options);
     launchWorkers(options);
   });
-  step("cannot start the control service", [&] {
-    server_ = std::make_unique<bess::ControlServer>(&service_, options.socket, options.listen);
-  });
+  step("cannot start the control service",
+       [&] { server_ = std::make_unique<bess::ControlServer>(&service_, options.control); });
 }
 
 bess::ControlExtensions Daemon::extensions(const Options& options,
@@ -113,6 +112,7 @@ bess::ControlExtensions Daemon::extensions(const Options& options,
   result.version = SFE_VERSION;
   result.pluginDirectory = options.pluginDirectory;
   result.spin = options.spin;
+  result.readOnlyNames = options.tlsReadOnly;
   result.shutdown = std::move(shutdown);
   result.counterId = [&counters](const std::string& name) { return counters.id(name); };
   result.counters = [&counters](bess::pb::CountersResponse* out) { counters.fill(out); };

@@ -28,9 +28,24 @@ struct Raw {
 };
 
 void addControlOptions(CLI::App& app, Options& options) {
-  app.add_option("--socket", options.socket, "Unix socket of the control service")
+  bess::ControlServerOptions& control = options.control;
+  app.add_option("--socket", control.socket, "Unix socket of the control service")
       ->capture_default_str();
-  app.add_option("--listen", options.listen, "Also listen on HOST:PORT of the loopback");
+  app.add_option("--group", control.group, "The members of this group may use it, too");
+  auto* readSocket = app.add_option("--read-socket", control.readSocket,
+                                    "Second Unix socket, on which calls may only read");
+  app.add_option("--read-group", control.readGroup, "The members of this group may use that")
+      ->needs(readSocket);
+  auto* listen = app.add_option("--listen", control.listen,
+                                "Also listen on HOST:PORT; other than loopback needs TLS");
+  app.add_option("--tls-cert", control.tls.cert, "Certificate (PEM) for --listen")->needs(listen);
+  app.add_option("--tls-key", control.tls.key, "Its private key (PEM)")->needs(listen);
+  auto* ca = app.add_option("--tls-ca", control.tls.ca,
+                            "Authorities (PEM) that sign the certificates of clients")
+                 ->needs(listen);
+  app.add_option("--tls-read-only", options.tlsReadOnly,
+                 "Certificates with this name may only read; repeated")
+      ->needs(ca);
 }
 
 void addResourceOptions(CLI::App& app, Options& options, Raw& raw) {
@@ -68,16 +83,35 @@ void addRunOptions(CLI::App& app, Options& options, Raw& raw) {
   app.set_version_flag("--version", "bessd " SFE_VERSION);
 }
 
+void finishControl(bess::ControlServerOptions& control) {
+  constexpr std::string_view kScheme = "unix:";
+  for (std::string* path : {&control.socket, &control.readSocket}) {
+    if (path->starts_with(kScheme)) {
+      path->erase(0, kScheme.size());
+    }
+  }
+  if (control.socket == control.readSocket) {
+    throw CLI::ValidationError("--read-socket", "is the path of --socket, too");
+  }
+  if (control.tls.any() && !control.tls.complete()) {
+    throw CLI::ValidationError("--listen", "TLS takes --tls-cert, --tls-key and --tls-ca together");
+  }
+  if (!control.listen.empty()) {
+    try {
+      bess::listenAddress(control.listen, control.tls.any());
+    } catch (const bess::ControlSocketError& error) {
+      throw CLI::ValidationError("--listen", error.what());
+    }
+  }
+}
+
 void finish(Options& options, const Raw& raw) {
   options.publishPeriod = std::chrono::milliseconds(raw.publishMs);
   std::istringstream words(raw.eal);
   for (std::string word; words >> word;) {
     options.eal.push_back(word);
   }
-  constexpr std::string_view kScheme = "unix:";
-  if (options.socket.starts_with(kScheme)) {
-    options.socket.erase(0, kScheme.size());
-  }
+  finishControl(options.control);
   if (!options.config.empty() && access(options.config.c_str(), R_OK) != 0) {
     throw CLI::ValidationError("--config", options.config + ": " + std::strerror(errno));
   }
@@ -87,13 +121,6 @@ void finish(Options& options, const Raw& raw) {
   if (std::set<uint32_t>(options.workers.begin(), options.workers.end()).size() !=
       options.workers.size()) {
     throw CLI::ValidationError("--workers", "a core appears twice");
-  }
-  if (!options.listen.empty()) {
-    try {
-      bess::loopbackAddress(options.listen);
-    } catch (const bess::ControlSocketError& error) {
-      throw CLI::ValidationError("--listen", error.what());
-    }
   }
 }
 

@@ -8,13 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "Bess/ControlServer.h"
+
 namespace Bessd {
 
 struct Options {
-  std::string socket = "/run/sfe/bessd.sock";
-  std::string config;             // file that sfectl applies at the start; empty: none
-  std::string listen;             // HOST:PORT, empty: no TCP
-  std::vector<uint32_t> workers;  // core of worker 0, 1, ...
+  bess::ControlServerOptions control{.socket = "/run/sfe/bessd.sock",
+                                     .group = "",
+                                     .readSocket = "",
+                                     .readGroup = "",
+                                     .listen = "",
+                                     .tls = {}};
+  std::vector<std::string> tlsReadOnly;  // certificate names that may only read
+  std::string config;                    // file that sfectl applies at the start; empty: none
+  std::vector<uint32_t> workers;         // core of worker 0, 1, ...
   uint32_t memoryMb = 1024;
   bool hugePages = false;
   uint32_t packets = 16384;  // of each memory node

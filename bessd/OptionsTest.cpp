@@ -24,8 +24,8 @@ TEST(Options, haveDefaultsThatNeedNothing) {
   const Parsed parsed = parse({});
   ASSERT_TRUE(parsed.result.options);
   const Options& options = *parsed.result.options;
-  EXPECT_EQ(options.socket, "/run/sfe/bessd.sock");
-  EXPECT_EQ(options.listen, "");
+  EXPECT_EQ(options.control.socket, "/run/sfe/bessd.sock");
+  EXPECT_EQ(options.control.listen, "");
   EXPECT_EQ(options.config, "");
   EXPECT_EQ(options.pluginDirectory, SFE_PLUGIN_DIRECTORY);
   EXPECT_TRUE(options.workers.empty());
@@ -46,8 +46,8 @@ TEST(Options, takeEverything) {
                                "2",           "--foreground"});
   ASSERT_TRUE(parsed.result.options) << parsed.err;
   const Options& options = *parsed.result.options;
-  EXPECT_EQ(options.socket, "/x/s");
-  EXPECT_EQ(options.listen, "127.0.0.1:1");
+  EXPECT_EQ(options.control.socket, "/x/s");
+  EXPECT_EQ(options.control.listen, "127.0.0.1:1");
   EXPECT_EQ(options.workers, (std::vector<uint32_t>{0, 3}));
   EXPECT_EQ(options.memoryMb, 256u);
   EXPECT_TRUE(options.hugePages);

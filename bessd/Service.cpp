@@ -39,7 +39,7 @@ Service::Service(const Options& options, const sigset_t& signals, Look look)
     : signals_(signals),
       look_(std::move(look)),
       watchdogTime_(ServiceManager::watchdogTime()),
-      configuration_(Configuration::ownClient(), options.socket, options.config),
+      configuration_(Configuration::ownClient(), options.control.socket, options.config),
       watchdog_(watchdogTime_.value_or(kForever) / kPatience) {}
 
 void Service::run(const Post& post) {

@@ -2,6 +2,7 @@
 // command line).
 #include <glog/logging.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -30,6 +31,16 @@ sigset_t blockSignals() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   return signals;
+}
+
+// As many files as we may have: once they are used up, by connections of clients for example, the
+// transport stops to listen for good.
+void raiseFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
 }
 
 void startLogging(const Bessd::Options& options) {
@@ -61,6 +72,7 @@ int main(int argc, char** argv) {
   // Before there is a second thread.
   Orp::VFPtrInterface::threadSafePointers_ = true;
   const sigset_t signals = blockSignals();
+  raiseFileLimit();
   startLogging(*parsed.options);
   if (!parsed.options->toggles.empty()) {
     setToggleDirectory(parsed.options->toggles);

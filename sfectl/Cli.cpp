@@ -18,6 +18,11 @@ void addEverything(CLI::App& app, Session& session) {
   app.add_option("--socket", session.socket, "The daemon's address: unix:PATH or HOST:PORT")
       ->envname("SFE_SOCKET")
       ->capture_default_str();
+  app.add_option("--tls-cert", session.tls.cert, "Our certificate (PEM), for HOST:PORT with TLS")
+      ->envname("SFE_TLS_CERT");
+  app.add_option("--tls-key", session.tls.key, "Its private key (PEM)")->envname("SFE_TLS_KEY");
+  app.add_option("--tls-ca", session.tls.ca, "Who signs the daemon's certificate (PEM)")
+      ->envname("SFE_TLS_CA");
   app.add_flag("--json", session.json, "Print JSON");
   app.set_version_flag("--version", "sfectl " SFE_VERSION);
   addSystemCommands(app, session);

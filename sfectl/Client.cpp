@@ -1,6 +1,15 @@
 #include "sfectl/Client.h"
 
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "sfectl/Errors.h"
 #include "sfectl/Report.h"
@@ -13,16 +22,79 @@ constexpr int kMaxAnswerBytes = 64 << 20;
 // The same for a state: several million routes.
 constexpr size_t kMaxStateBytes = size_t{1} << 30;
 
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  if (!in || !(text << in.rdbuf())) {
+    throw RuntimeError("cannot read " + path + ": " + std::strerror(errno != 0 ? errno : EIO));
+  }
+  return text.str();
+}
+
+std::shared_ptr<grpc::ChannelCredentials> credentials(const std::string& target,
+                                                      const ClientTls& tls) {
+  if (target.starts_with("unix:") || (tls.cert + tls.key + tls.ca).empty()) {
+    return grpc::InsecureChannelCredentials();
+  }
+  if (tls.cert.empty() || tls.key.empty() || tls.ca.empty()) {
+    throw UsageError("TLS takes --tls-cert, --tls-key and --tls-ca together");
+  }
+  return grpc::SslCredentials({.pem_root_certs = readFile(tls.ca),
+                               .pem_private_key = readFile(tls.key),
+                               .pem_cert_chain = readFile(tls.cert)});
+}
+
+// The errno of connecting to the socket; 0 when somebody answers, or when the path is too long to
+// ask.
+int tryConnect(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0 || path.size() >= sizeof(address.sun_path)) {
+    return 0;
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  const int result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  const int error = result == 0 ? 0 : errno;
+  close(fd);
+  return error;
+}
+
+// Who may use a socket that we may not.
+std::string whoMay(const std::string& path) {
+  struct stat found {};
+  if (stat(path.c_str(), &found) != 0) {
+    return "its directory does not let you in";
+  }
+  if ((found.st_mode & S_IWGRP) == 0) {
+    return "only its owner may; the daemon's option --group lets a group in";
+  }
+  const group* owner = getgrgid(found.st_gid);  // NOLINT(concurrency-mt-unsafe): one thread
+  const std::string name = owner != nullptr ? owner->gr_name : std::to_string(found.st_gid);
+  return "the members of group '" + name + "' may; become one (adduser USER " + name +
+         ") and log in again";
+}
+
+// What the transport's own words do not say about an address at which nobody answered.
+std::string hint(const std::string& target) {
+  constexpr std::string_view kScheme = "unix:";
+  if (!target.starts_with(kScheme)) {
+    return "";
+  }
+  const std::string path = target.substr(kScheme.size());
+  return tryConnect(path) == EACCES ? whoMay(path) : "";
+}
+
 }  // namespace
 
-Client::Client(const std::string& target)
+Client::Client(const std::string& target, const ClientTls& tls)
     : target_(target.starts_with('/') ? "unix:" + target : target) {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(kMaxAnswerBytes);
-  // The daemon is on this machine: no proxy of the environment stands between.
+  // No proxy of the environment stands between: most daemons are on this machine.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   stub_ = bess::pb::BESSControl::NewStub(
-      grpc::CreateCustomChannel(target_, grpc::InsecureChannelCredentials(), arguments));
+      grpc::CreateCustomChannel(target_, credentials(target_, tls), arguments));
 }
 
 void Client::check(const grpc::Status& status) const {
@@ -32,10 +104,15 @@ void Client::check(const grpc::Status& status) const {
   const std::string reason = printable(status.error_message());
   switch (status.error_code()) {
     case grpc::StatusCode::UNAVAILABLE:
+      if (const std::string who = hint(target_); !who.empty()) {
+        throw RuntimeError("you may not use the daemon at " + target_ + ": " + who);
+      }
       throw RuntimeError("no daemon answers at " + target_ + ": " + reason);
     case grpc::StatusCode::DEADLINE_EXCEEDED:
       throw RuntimeError("the daemon at " + target_ + " did not answer within " +
                          std::to_string(kCallTimeout.count()) + " seconds");
+    case grpc::StatusCode::PERMISSION_DENIED:
+      throw RuntimeError("the daemon at " + target_ + " refuses: " + reason);
     default:
       throw RuntimeError("the daemon at " + target_ + " answered: " + reason);
   }

@@ -21,12 +21,21 @@ inline constexpr const char* kDefaultSocket = "unix:/run/sfe/bessd.sock";
 // How long a daemon may take to answer.
 inline constexpr std::chrono::seconds kCallTimeout{30};
 
+// PEM files for a daemon that wants TLS: all three, or none. Not looked at for a Unix socket.
+struct ClientTls {
+  std::string cert;
+  std::string key;
+  std::string ca;  // who signs the daemon's certificate
+};
+
 class Client {
  public:
   using Stub = bess::pb::BESSControl::Stub;
 
   // `target` is "unix:PATH", a bare absolute path, or HOST:PORT.
-  explicit Client(const std::string& target);
+  // Errors: UsageError when one of the files is missing from `tls`, RuntimeError when one cannot be
+  // read.
+  explicit Client(const std::string& target, const ClientTls& tls = {});
 
   // One call: call(&Stub::ListPorts, request).
   template <class Request, class Response>

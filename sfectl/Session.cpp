@@ -10,7 +10,7 @@ Session::Session(std::ostream& out, std::ostream& err)
 
 Client& Session::client() {
   if (client_ == nullptr) {
-    client_ = std::make_unique<Client>(socket);
+    client_ = std::make_unique<Client>(socket, tls);
   }
   return *client_;
 }

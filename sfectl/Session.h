@@ -19,6 +19,7 @@ class Session {
   Session(std::ostream& out, std::ostream& err);
 
   std::string socket;
+  ClientTls tls;
   bool json = false;
 
   std::ostream& out() { return out_; }
