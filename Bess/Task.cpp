@@ -1,5 +1,6 @@
 #include "Bess/Task.h"
 
+#include "Bess/BatchSizes.h"
 #include "Bess/Module.h"
 
 Task::Task(Module* module, void* arg, task_id_t id)
@@ -51,6 +52,7 @@ void Task::deliver(Context* ctx, const Pending& next) {
   next.gate->runHooks(next.batch);
   ctx->currentIgate = next.gate->index();
   ctx->batches++;
+  bess::BatchSizes::count(ctx->wid, next.batch->cnt());
   next.gate->module()->ProcessBatch(ctx, next.batch);
   flushEmitted(ctx);
 }

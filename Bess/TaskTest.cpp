@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <vector>
 
+#include "Bess/BatchSizes.h"
 #include "Bess/Module.h"
 #include "Bess/PacketPool.h"
 #include "Bess/Testing/ModuleHarness.h"
@@ -78,6 +80,23 @@ TEST_F(TaskTest, mergesIntoPendingBatchUpTo32) {
   EXPECT_TRUE(fits->empty());
   task_.runPending(&ctx_);
   EXPECT_EQ(sizes_, (std::vector<int>{1, 32}));
+}
+
+TEST_F(TaskTest, countsBatchesByTheirSize) {
+  from_.connectGate(0, &a_, 0);
+  const auto before = bess::BatchSizes::of(ctx_.wid);
+  uint64_t packets = 0;
+  for (const int size : {1, 2, 3, 4, 5, 8, 9, 16, 17, 32}) {
+    from_.RunNextModule(&ctx_, batchOf(size));
+    task_.runPending(&ctx_);
+    packets += static_cast<uint64_t>(size);
+  }
+  const auto after = bess::BatchSizes::of(ctx_.wid);
+  const std::array<uint64_t, bess::BatchSizes::kBuckets> expected = {1, 1, 2, 2, 2, 2};
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(after.batches[i] - before.batches[i], expected[i]) << i;
+  }
+  EXPECT_EQ(after.packets - before.packets, packets);
 }
 
 TEST_F(TaskTest, runsNewestOfTheBatchesThatDoNotMergeFirst) {

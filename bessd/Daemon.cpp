@@ -14,6 +14,8 @@
 #include "Bess/PortRegistry.h"
 #include "Bess/Worker.h"
 #include "Sfe/Counters/Counters.h"
+#include "bessd/FrameworkMetrics.h"
+#include "bessd/StateMetrics.h"
 #include "bessd/States.h"
 
 namespace Bessd {
@@ -103,6 +105,22 @@ Daemon::Daemon(const Options& options, std::function<void()> shutdown)
   });
   step("cannot start the control service",
        [&] { server_ = std::make_unique<bess::ControlServer>(&service_, options.control); });
+  startMetrics(options);
+}
+
+void Daemon::startMetrics(const Options& options) {
+  if (options.metrics.empty()) {
+    return;
+  }
+  const std::string argument =
+      options.metricsRoutes == 0 ? "" : "routes=" + std::to_string(options.metricsRoutes);
+  step("cannot serve metrics", [&] {
+    metrics_ = std::make_unique<MetricsServer>(options.metrics, control_,
+                                               [this, argument](MetricFamilies* families) {
+                                                 addFrameworkMetrics(counters_, families);
+                                                 addModuleMetrics(argument, families);
+                                               });
+  });
 }
 
 bess::ControlExtensions Daemon::extensions(const Options& options,

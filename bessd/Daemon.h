@@ -1,8 +1,8 @@
 // The running daemon: its construction is the start, its destruction the clean stop.
 //
 // Start order: packet library, packet pools, control thread, counter publisher, plug-ins, workers,
-// control server. The stop goes the other way: no more calls, then workers, modules, ports and
-// plug-ins go, then what they used.
+// control server, metrics server. The stop goes the other way: no more calls, then workers,
+// modules, ports and plug-ins go, then what they used.
 //
 // Threads    : the main thread constructs and destroys it.
 // Errors     : the constructor throws std::exception with a text that says what could not be
@@ -21,6 +21,7 @@
 #include "Bess/ControlService.h"
 #include "Bess/ControlThread.h"
 #include "bessd/EventCounters.h"
+#include "bessd/MetricsServer.h"
 #include "bessd/Options.h"
 
 namespace Bessd {
@@ -62,6 +63,7 @@ class Daemon {
                                             std::function<void()> shutdown);
   void loadPlugins(const Options& options);
   void launchWorkers(const Options& options);
+  void startMetrics(const Options& options);
 
   // In the order of the start.
   Eal eal_;
@@ -72,6 +74,7 @@ class Daemon {
   Graph graph_;
   bess::ControlService service_;
   std::unique_ptr<bess::ControlServer> server_;
+  std::unique_ptr<MetricsServer> metrics_;
 };
 
 }  // namespace Bessd

@@ -83,6 +83,24 @@ void addRunOptions(CLI::App& app, Options& options, Raw& raw) {
   app.set_version_flag("--version", "bessd " SFE_VERSION);
 }
 
+constexpr const char* kMetricsAddress = "127.0.0.1:9394";
+constexpr uint32_t kMaxMetricsRoutes = 100'000;
+
+void addMetricsOptions(CLI::App& app, Options& options) {
+  auto* metrics = app.add_option_function<std::string>(
+      "--metrics",
+      [&options](const std::string& address) {
+        options.metrics = address.empty() ? kMetricsAddress : address;
+      },
+      std::string("Serve metrics for Prometheus on HOST:PORT, under /metrics; without it on ") +
+          kMetricsAddress);
+  metrics->expected(0, 1);
+  app.add_option("--metrics-routes", options.metricsRoutes,
+                 "Also metrics of single routes, at most so many of each module")
+      ->check(CLI::Range(1u, kMaxMetricsRoutes))
+      ->needs(metrics);
+}
+
 void finishControl(bess::ControlServerOptions& control) {
   constexpr std::string_view kScheme = "unix:";
   for (std::string* path : {&control.socket, &control.readSocket}) {
@@ -115,6 +133,14 @@ void finish(Options& options, const Raw& raw) {
   if (!options.config.empty() && access(options.config.c_str(), R_OK) != 0) {
     throw CLI::ValidationError("--config", options.config + ": " + std::strerror(errno));
   }
+  if (!options.metrics.empty()) {
+    try {
+      // Anybody may read them: an address that others reach is the operator's choice.
+      options.metrics = bess::listenAddress(options.metrics, true);
+    } catch (const bess::ControlSocketError& error) {
+      throw CLI::ValidationError("--metrics", error.what());
+    }
+  }
   if (options.workers.size() > static_cast<size_t>(kMaxWorkers)) {
     throw CLI::ValidationError("--workers", "at most " + std::to_string(kMaxWorkers) + " workers");
   }
@@ -135,6 +161,7 @@ ParseResult parseOptions(const std::vector<std::string>& arguments,
   addControlOptions(app, options);
   addResourceOptions(app, options, raw);
   addRunOptions(app, options, raw);
+  addMetricsOptions(app, options);
   try {
     // The library takes the words from the back.
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));

@@ -30,6 +30,8 @@ struct Options {
   std::vector<std::string> plugins;  // paths, or names in the directory
   std::vector<std::string> eal;      // further words for the packet library
   std::string toggles;               // directory; empty: the default
+  std::string metrics;               // HOST:PORT of the metrics; empty: none
+  uint32_t metricsRoutes = 0;        // at most so many series of single routes of each module
   std::chrono::milliseconds publishPeriod{1000};
   bool spin = false;
   int logLevel = 0;  // 0 information, 1 warnings, 2 errors

@@ -68,6 +68,35 @@ TEST(Options, takeAConfigurationFileThatIsThere) {
   EXPECT_EQ(parsed.result.options->config, "/dev/null");
 }
 
+TEST(Options, serveMetricsOnlyWhenAsked) {
+  EXPECT_EQ(parse({}).result.options->metrics, "");
+  const Parsed usual = parse({"--metrics"});
+  ASSERT_TRUE(usual.result.options) << usual.err;
+  EXPECT_EQ(usual.result.options->metrics, "127.0.0.1:9394");
+  EXPECT_EQ(usual.result.options->metricsRoutes, 0u);
+  const Parsed beforeAnother = parse({"--metrics", "--spin", "--metrics-routes", "5"});
+  ASSERT_TRUE(beforeAnother.result.options) << beforeAnother.err;
+  EXPECT_EQ(beforeAnother.result.options->metrics, "127.0.0.1:9394");
+  EXPECT_EQ(beforeAnother.result.options->metricsRoutes, 5u);
+  EXPECT_EQ(parse({"--metrics", "[::1]:80"}).result.options->metrics, "[::1]:80");
+  EXPECT_EQ(parse({"--metrics", "0.0.0.0:80"}).result.options->metrics, "0.0.0.0:80");
+}
+
+TEST(Options, sayWhoMayUseTheControlService) {
+  const Parsed parsed = parse({"--group", "ops", "--read-socket", "unix:/x/r", "--read-group", "ro",
+                               "--listen", "0.0.0.0:1", "--tls-cert", "c", "--tls-key", "k",
+                               "--tls-ca", "a", "--tls-read-only", "n", "--tls-read-only", "m"});
+  ASSERT_TRUE(parsed.result.options) << parsed.err;
+  const bess::ControlServerOptions& control = parsed.result.options->control;
+  EXPECT_EQ(control.group, "ops");
+  EXPECT_EQ(control.readSocket, "/x/r");
+  EXPECT_EQ(control.readGroup, "ro");
+  EXPECT_EQ(control.tls.cert, "c");
+  EXPECT_EQ(control.tls.key, "k");
+  EXPECT_EQ(control.tls.ca, "a");
+  EXPECT_EQ(parsed.result.options->tlsReadOnly, (std::vector<std::string>{"n", "m"}));
+}
+
 TEST(Options, endWellAfterHelpAndVersion) {
   for (const char* option : {"--help", "-h", "--version"}) {
     const Parsed parsed = parse({option});
@@ -91,6 +120,13 @@ TEST(Options, refuseWrongCommandLinesAndSayWhy) {
       {{"-w", "-1"}, "--workers"},
       {{"--listen", "0.0.0.0:1"}, "loopback"},
       {{"--listen", "here"}, "HOST:PORT"},
+      {{"--listen", "0.0.0.0:1", "--tls-cert", "c"}, "--tls-key"},
+      {{"--tls-cert", "c"}, "--listen"},
+      {{"--read-group", "g"}, "--read-socket"},
+      {{"--socket", "/x", "--read-socket", "/x"}, "--read-socket"},
+      {{"--metrics", "here"}, "HOST:PORT"},
+      {{"--metrics-routes", "1"}, "--metrics"},
+      {{"--metrics", "--metrics-routes", "0"}, "--metrics-routes"},
   };
   for (const auto& [arguments, word] : wrong) {
     const Parsed parsed = parse(arguments);
