@@ -64,6 +64,10 @@ grpc::Status ControlService::GetState(grpc::ServerContext* context,
   if (!takeStream()) {
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many streaming calls at once"};
   }
+  struct Slot {
+    ControlService& service;
+    ~Slot() { service.returnStream(); }
+  } const slot{*this};
   std::string text;
   pb::StateChunk chunk;
   const grpc::Status status = onControlThread([&] {
@@ -85,7 +89,6 @@ grpc::Status ControlService::GetState(grpc::ServerContext* context,
     chunk.set_text(text.data() + at, std::min(kChunkBytes, text.size() - at));
     reading = writer->Write(chunk);
   }
-  returnStream();
   if (!status.ok()) {
     return status;
   }

@@ -12,26 +12,32 @@
 namespace bess {
 namespace {
 
-using Requests = std::vector<pb::ModuleCommandRequest>;
-
 // Other clients wait for at most one group of each stream.
 constexpr size_t kMaxGroup = 256;
+
+// Requests in the order of arrival. Those behind `count` have run; their memory is used again.
+struct Group {
+  std::vector<pb::ModuleCommandRequest> requests;
+  size_t count = 0;
+};
 
 // What was read and has not run yet: at most one group, so that a client that sends faster than
 // commands run is slowed down by the transport.
 class ReadAhead {
  public:
-  // Waits for room. Returns: false when nobody takes requests any more.
+  // Waits for room; `request` becomes one that has run. Returns: false when nobody takes requests
+  // any more.
   bool put(pb::ModuleCommandRequest& request) {
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return waiting_.size() < kMaxGroup || closed_; });
+    room_.wait(lock, [this] { return waiting_.count < kMaxGroup || closed_; });
     if (closed_) {
       return false;
     }
-    // The reader keeps the memory of a request that has run.
-    waiting_.resize(waiting_.size() + 1);
-    waiting_.back().Swap(&request);
-    if (waiting_.size() == 1) {
+    if (waiting_.count == waiting_.requests.size()) {
+      waiting_.requests.emplace_back();
+    }
+    waiting_.requests[waiting_.count++].Swap(&request);
+    if (waiting_.count == 1) {
       arrived_.notify_one();
     }
     return true;
@@ -48,20 +54,20 @@ class ReadAhead {
 
   // Waits for requests and takes all there are. Returns: false when there are none and will be
   // none.
-  bool take(Requests& group) {
-    group.clear();
+  bool take(Group& group) {
+    group.count = 0;
     std::unique_lock lock(mutex_);
-    arrived_.wait(lock, [this] { return !waiting_.empty() || closed_; });
+    arrived_.wait(lock, [this] { return waiting_.count > 0 || closed_; });
     std::swap(group, waiting_);
     room_.notify_one();
-    return !group.empty();
+    return group.count > 0;
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable room_;
   std::condition_variable arrived_;
-  Requests waiting_;     // guarded by mutex_
+  Group waiting_;        // guarded by mutex_
   bool closed_ = false;  // guarded by mutex_
 };
 
@@ -76,22 +82,27 @@ grpc::Status ControlService::ModuleCommandStream(
   if (!takeStream()) {
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many streaming calls at once"};
   }
+  struct Slot {
+    ControlService& service;
+    ~Slot() { service.returnStream(); }
+  } const slot{*this};
   ReadAhead readAhead;
-  std::thread reader([&] {
+  std::jthread reader([&] {
     pb::ModuleCommandRequest request;
     while (stream->Read(&request) && readAhead.put(request)) {
     }
     readAhead.close();
   });
   grpc::Status status;
-  Requests group;
+  Group group;
   std::vector<pb::CommandResponse> answers;
   bool reading = true;
   while (status.ok() && reading && readAhead.take(group)) {
-    answers.resize(group.size());
+    answers.resize(group.count);
     status = onControlThread([&] {
-      for (size_t i = 0; i < group.size(); ++i) {
-        answers[i] = ModuleGraph::runCommand(group[i].module(), group[i].command(), group[i].arg());
+      for (size_t i = 0; i < group.count; ++i) {
+        const pb::ModuleCommandRequest& one = group.requests[i];
+        answers[i] = ModuleGraph::runCommand(one.module(), one.command(), one.arg());
       }
     });
     // All but the last wait in the transport's buffer for it.
@@ -108,7 +119,6 @@ grpc::Status ControlService::ModuleCommandStream(
     context->TryCancel();  // ends the read under way
   }
   reader.join();
-  returnStream();
   if (!status.ok()) {
     return status;
   }
