@@ -35,6 +35,7 @@ void addEverything(CLI::App& app, Session& session) {
   addRouteCommands(app, session);
   addCounterCommands(app, session);
   addMonitorCommands(app, session);
+  addExplainCommands(app, session);
   addShowCommands(app, session);
   addGraphShow(app, session);
   addCaptureCommands(app, session);

@@ -24,5 +24,6 @@ void addShowCommands(CLI::App& app, Session& session);     // show
 void addGraphShow(CLI::App& app, Session& session);        // graph
 void addCaptureCommands(CLI::App& app, Session& session);  // capture
 void addTopCommands(CLI::App& app, Session& session);      // top
+void addExplainCommands(CLI::App& app, Session& session);  // explain
 
 }  // namespace Sfectl

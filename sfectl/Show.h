@@ -14,6 +14,7 @@ CLI::App& showGroup(CLI::App& app);
 void addShowIntf(CLI::App& show, Session& session);
 void addShowCache(CLI::App& show, Session& session);
 void addShowSummary(CLI::App& show, Session& session);
+void addShowTrace(CLI::App& show, Session& session);
 
 // The options --vrf, -4 and -6; the filter is complete when the command runs.
 std::shared_ptr<CounterFilter> addInstanceFilter(CLI::App* command);

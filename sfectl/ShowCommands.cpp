@@ -172,6 +172,7 @@ void addShowCommands(CLI::App& app, Session& session) {
   addShowIntf(show, session);
   addShowCache(show, session);
   addShowSummary(show, session);
+  addShowTrace(show, session);
   addShowLists(show, session);
 }
 
