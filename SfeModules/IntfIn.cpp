@@ -63,12 +63,16 @@ void IntfIn::process(Context* ctx, bess::Packet* pkt) {
   metadata.presence = kHasInIntf;
   metadata.inIntf = intf->id.value();
   if (kind == FrameKind::kHost) {
-    return EmitPacket(ctx, pkt, kHostGate);
+    return EmitPacket(ctx, pkt, static_cast<gate_idx_t>(intf->gateBase + kHostGate));
   }
-  passData(ctx, pkt, link, kind == FrameKind::kIpv4Data);
+  passData(ctx, pkt, link, kind == FrameKind::kIpv4Data, intf->gateBase);
 }
 
-void IntfIn::passData(Context* ctx, bess::Packet* pkt, const LinkHeader& link, bool ipv4) {
+void IntfIn::passData(Context* ctx,
+                      bess::Packet* pkt,
+                      const LinkHeader& link,
+                      bool ipv4,
+                      gate_idx_t gateBase) {
   bool strip = ipv4 && stripIpv4_;
   bool untag = link.tagged && !strip;
   uint32_t headers = std::min(pkt->totalLen(), link.length + kHeaderBytes);
@@ -88,7 +92,7 @@ void IntfIn::passData(Context* ctx, bess::Packet* pkt, const LinkHeader& link, b
     std::memmove(bytes + RTE_VLAN_HLEN, bytes, 2 * RTE_ETHER_ADDR_LEN);
     pkt->adj(RTE_VLAN_HLEN);
   }
-  EmitPacket(ctx, pkt, ipv4 ? kIpv4Gate : kIpv6Gate);
+  EmitPacket(ctx, pkt, static_cast<gate_idx_t>(gateBase + (ipv4 ? kIpv4Gate : kIpv6Gate)));
 }
 
 std::string IntfIn::GetDesc() const {
@@ -114,7 +118,7 @@ ModuleClass IntfIn::moduleClass() {
   return {.name = "IntfIn",
           .help =
               "gives frames their incoming interface; gates: 0 IPv4 multicast data, "
-              "1 IPv6 multicast data, 2 for the host",
+              "1 IPv6 multicast data, 2 for the host, each plus the interface's gate base",
           .igates = 1,
           .ogates = kGates,
           .commands = {makeCommand<&IntfIn::addIntf>("addIntf", "IntfArg"),

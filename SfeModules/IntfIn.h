@@ -1,7 +1,9 @@
 // IntfIn: the edge through which frames enter the engine.
 //
 // A frame belongs to the interface of its port and VLAN. Gate 0: IPv4 multicast data, gate 1: IPv6
-// multicast data, both without their VLAN tag; gate 2: everything else, unchanged, for the host. A
+// multicast data, both without their VLAN tag; gate 2: everything else, unchanged, for the host. An
+// interface with a gate base has these three gates from that number on, so that the interfaces of a
+// VRF lead to the VRF's own instances. A
 // packet that leaves carries its incoming interface and no other metadata. Frames of unknown ports
 // and VLANs, frames to somebody else's unicast address, and frames whose headers are cut off are
 // dropped and counted by reason.
@@ -25,7 +27,8 @@ class IntfIn final : public Module {
   static constexpr gate_idx_t kIpv4Gate = 0;
   static constexpr gate_idx_t kIpv6Gate = 1;
   static constexpr gate_idx_t kHostGate = 2;
-  static constexpr gate_idx_t kGates = 3;
+  static constexpr gate_idx_t kGatesOfBase = 3;
+  static constexpr gate_idx_t kGates = IntfTable::kMaxGateBase + kGatesOfBase;
 
   // The longest headers that forwarding looks at: IPv6, a Register's PIM header, IPv6.
   static constexpr uint32_t kHeaderBytes = 40 + 8 + 40;
@@ -56,7 +59,11 @@ class IntfIn final : public Module {
   using Drops = IntfDrops<Drop, static_cast<size_t>(Drop::kReasons)>;
 
   void process(Context* ctx, bess::Packet* pkt);
-  void passData(Context* ctx, bess::Packet* pkt, const LinkHeader& link, bool ipv4);
+  void passData(Context* ctx,
+                bess::Packet* pkt,
+                const LinkHeader& link,
+                bool ipv4,
+                gate_idx_t gateBase);
   void drop(Context* ctx, bess::Packet* pkt, Drop reason);
 
   IntfTable table_;

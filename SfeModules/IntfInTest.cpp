@@ -32,8 +32,9 @@ class IntfInTest : public ::testing::Test {
     add("Vlan100", 3, 100);
   }
 
-  void add(const std::string& name, unsigned port, unsigned vlan) {
+  void add(const std::string& name, unsigned port, unsigned vlan, unsigned gateBase = 0) {
     sfe::pb::IntfArg arg;
+    arg.set_gate_base(gateBase);
     arg.set_name(name);
     arg.set_port(port);
     arg.set_vlan(vlan);
@@ -191,6 +192,28 @@ TEST_F(IntfInTest, bringsTheHeadersOfASegmentedPacketTogether) {
   EXPECT_GE(pkt->headLen(), 14 + IntfIn::kHeaderBytes);
   EXPECT_EQ(metadataOf(pkt.get()).presence, kHasInIntf);
   EXPECT_EQ(bess::PacketPool::defaultPool()->inUse(), before - segments + 1);
+}
+
+TEST_F(IntfInTest, sendsThePacketsOfEachVrfByGatesOfItsOwn) {
+  constexpr gate_idx_t kRed = 3 * IntfIn::kGatesOfBase;
+  constexpr gate_idx_t kLast = IntfTable::kMaxGateBase;
+  add("Vlan200", 3, 200, kRed);
+  add("Vlan300", 3, 300, kLast);
+  for (const gate_idx_t base : {kRed, kLast}) {
+    const unsigned vlan = base == kRed ? 200 : 300;
+    harness_.capture(module_, {static_cast<gate_idx_t>(base + IntfIn::kIpv4Gate),
+                               static_cast<gate_idx_t>(base + IntfIn::kIpv6Gate),
+                               static_cast<gate_idx_t>(base + IntfIn::kHostGate)});
+    const std::string ipv4 = tagged(kGroupMac, vlan, 0x0800, Ipv4{}.with(kPayload));
+    const std::string ipv6 = tagged(kGroupMac, vlan, 0x86dd, Ipv6{}.with(kPayload));
+    const std::string arp = tagged(testing::kBroadcastMac, vlan, 0x0806, kPayload);
+    EXPECT_NE(only(receive(ipv4), base + IntfIn::kIpv4Gate), nullptr);
+    EXPECT_NE(only(receive(ipv6), base + IntfIn::kIpv6Gate), nullptr);
+    EXPECT_NE(only(receive(arp), base + IntfIn::kHostGate), nullptr);
+  }
+  // The port's other interfaces keep the first gates.
+  const std::string other = tagged(kGroupMac, 100, 0x0800, Ipv4{}.with(kPayload));
+  EXPECT_NE(only(receive(other), IntfIn::kIpv4Gate), nullptr);
 }
 
 TEST_F(IntfInTest, neverWritesASharedBuffer) {

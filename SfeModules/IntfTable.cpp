@@ -49,6 +49,10 @@ std::optional<CommandResponse> IntfTable::refusal(const sfe::pb::IntfArg& arg) c
     return CommandFailure(EINVAL, "vlan %u is out of range, 0 (untagged) to %u is possible",
                           arg.vlan(), kMaxVlan);
   }
+  if (arg.gate_base() > kMaxGateBase) {
+    return CommandFailure(EINVAL, "gate base %u is out of range, 0 to %u is possible",
+                          arg.gate_base(), kMaxGateBase);
+  }
   uint16_t named = Nynet::VlanIntfId::vlanId(*id);
   if (named != arg.vlan()) {
     return named != 0
@@ -79,6 +83,7 @@ CommandResponse IntfTable::add(const sfe::pb::IntfArg& arg) {
   intf->id = *Nynet::IntfId::parse(arg.name());
   intf->port = static_cast<uint16_t>(arg.port());
   intf->vlan = static_cast<uint16_t>(arg.vlan());
+  intf->gateBase = static_cast<uint16_t>(arg.gate_base());
   std::memcpy(intf->mac.data(), arg.mac().data(), intf->mac.size());
   auto& vlans = ports_[intf->port];
   if (vlans == nullptr) {
@@ -114,6 +119,7 @@ void IntfTable::show(sfe::pb::IntfTable* out) const {
     entry->set_id(intf->id.value());
     entry->set_port(intf->port);
     entry->set_vlan(intf->vlan);
+    entry->set_gate_base(intf->gateBase);
     entry->set_mac(intf->mac.data(), intf->mac.size());
   }
 }

@@ -28,13 +28,16 @@ namespace SfeModules {
 struct Intf {
   Nynet::IntfId id;
   uint16_t port = 0;
-  uint16_t vlan = 0;  // 0: untagged
+  uint16_t vlan = 0;      // 0: untagged
+  uint16_t gateBase = 0;  // of the gates by which its packets leave
   std::array<uint8_t, 6> mac{};
 };
 
 class IntfTable {
  public:
   static constexpr uint16_t kVlans = 4096;
+  // Room for three gates each of more than a thousand VRFs.
+  static constexpr uint16_t kMaxGateBase = 4092;
 
   CommandResponse add(const sfe::pb::IntfArg& arg);
   CommandResponse remove(const sfe::pb::IntfNameArg& arg);

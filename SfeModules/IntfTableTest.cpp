@@ -48,6 +48,12 @@ TEST_P(IntfTableRefusal, saysWhatIsWrongAndLeavesTheTable) {
   EXPECT_EQ(table.size(), 2U);
 }
 
+sfe::pb::IntfArg withGateBase(unsigned base) {
+  sfe::pb::IntfArg result = arg("Ethernet2");
+  result.set_gate_base(base);
+  return result;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Each,
     IntfTableRefusal,
@@ -57,6 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Refusal{arg("Ethernet01"), EINVAL, "cannot be an interface"},
                       Refusal{arg("Ethernet2", RTE_MAX_ETHPORTS), EINVAL, "out of range"},
                       Refusal{arg("Ethernet2.7", 0, 4095), EINVAL, "vlan 4095 is out of range"},
+                      Refusal{withGateBase(IntfTable::kMaxGateBase + 1), EINVAL, "gate base 4093"},
                       Refusal{arg("Vlan200", 0, 100), EINVAL, "Vlan200 is VLAN 200"},
                       Refusal{arg("Vlan200"), EINVAL, "must agree"},
                       Refusal{arg("Ethernet2", 0, 7), EINVAL, "Ethernet2.7 or Vlan7"},
@@ -89,6 +96,16 @@ TEST(IntfTable, forgetsARemovedInterface) {
   EXPECT_FALSE(table.add(arg("Ethernet1")).has_error());
 }
 
+TEST(IntfTable, keepsAndShowsTheGateBase) {
+  IntfTable table;
+  ASSERT_FALSE(table.add(withGateBase(IntfTable::kMaxGateBase)).has_error());
+  EXPECT_EQ(table.at(0, 0)->gateBase, IntfTable::kMaxGateBase);
+  sfe::pb::IntfTable shown;
+  table.show(&shown);
+  ASSERT_EQ(shown.intfs_size(), 1);
+  EXPECT_EQ(shown.intfs(0).gate_base(), IntfTable::kMaxGateBase);
+}
+
 TEST(IntfTable, showsInterfacesByPortAndVlan) {
   IntfTable table;
   ASSERT_FALSE(table.add(arg("Vlan7", 2, 7)).has_error());
@@ -102,6 +119,7 @@ TEST(IntfTable, showsInterfacesByPortAndVlan) {
   EXPECT_EQ(shown.intfs(2).name(), "Vlan7");
   EXPECT_EQ(shown.intfs(2).id(), Nynet::IntfId::fromName("Vlan7").value());
   EXPECT_EQ(shown.intfs(2).vlan(), 7U);
+  EXPECT_EQ(shown.intfs(2).gate_base(), 0U);
   EXPECT_EQ(shown.intfs(2).mac(), testing::kOwnMac);
 }
 
