@@ -56,9 +56,10 @@ pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 pkg_check_modules(FUSE REQUIRED IMPORTED_TARGET fuse)
 pkg_check_modules(GRPCPP REQUIRED IMPORTED_TARGET grpc++)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(YAMLCPP REQUIRED IMPORTED_TARGET yaml-cpp)
 
 # Headers of packages are system headers: their warnings are not ours.
-foreach(package DPDK URCU GLOG MNL FUSE GRPCPP SYSTEMD)
+foreach(package DPDK URCU GLOG MNL FUSE GRPCPP SYSTEMD YAMLCPP)
   get_target_property(dirs PkgConfig::${package} INTERFACE_INCLUDE_DIRECTORIES)
   if(dirs)
     set_target_properties(PkgConfig::${package} PROPERTIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${dirs}")
@@ -87,7 +88,8 @@ endfunction()
 # instrumented: the thread sanitizer has nothing to say about either.
 set(SFE_NOT_FOR_THREAD_SANITIZER
     MfibPacketPathTest MfibPacketStressTest MfibWildcardOffTest
-    control_service_test control_socket_test bessd_test sfectl_text_test sfectl_cli_test)
+    control_service_test control_socket_test bessd_test sfectl_text_test sfectl_cli_test
+    sfectl_config_test)
 
 # sfe_test(NAME SOURCES ... DEPS ... [EAL] [LABELS ...] [TIMEOUT seconds])
 # One GoogleTest program, one CTest entry. EAL: its main starts DPDK without huge pages and without devices.

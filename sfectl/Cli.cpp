@@ -34,6 +34,7 @@ void addEverything(CLI::App& app, Session& session) {
   addIntfCommands(app, session);
   addRouteCommands(app, session);
   addCounterCommands(app, session);
+  addConfigCommands(app, session);
   addMonitorCommands(app, session);
   addExplainCommands(app, session);
   addShowCommands(app, session);

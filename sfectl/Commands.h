@@ -19,6 +19,7 @@ void addPluginCommands(CLI::App& app, Session& session);   // plugin
 void addIntfCommands(CLI::App& app, Session& session);     // intf
 void addRouteCommands(CLI::App& app, Session& session);    // mroute
 void addCounterCommands(CLI::App& app, Session& session);  // counters
+void addConfigCommands(CLI::App& app, Session& session);   // apply save import
 void addMonitorCommands(CLI::App& app, Session& session);  // monitor
 void addShowCommands(CLI::App& app, Session& session);     // show
 void addGraphShow(CLI::App& app, Session& session);        // graph
