@@ -1,5 +1,6 @@
 #include "Bess/Port.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <net/if.h>
 #include <rte_dev.h>
@@ -13,8 +14,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Bess/PacketPool.h"
@@ -72,6 +75,21 @@ std::string withLargeFrames(const std::string& devargs, std::optional<uint16_t> 
   }
   std::string size = std::to_string(std::bit_ceil(*mtu + kFrameOverhead + kRingHeader));
   return devargs + ",framesz=" + size + ",blocksz=" + size;
+}
+
+// A program that the process starts must not inherit the sockets of a device: while it lives, the
+// kernel would go on giving it frames of the interface, also after the port was closed.
+void keepFromChildren() {
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+    const int fd = std::atoi(entry.path().filename().c_str());
+    int domain = 0;
+    socklen_t size = sizeof(domain);
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
+        (domain == AF_PACKET || domain == AF_XDP)) {
+      fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+  }
 }
 
 }  // namespace
@@ -256,6 +274,7 @@ void Port::start() {
     fail(rc, "the device does not start" + reason(rc) + " (" + log.text() + ")");
   }
   running_ = true;
+  keepFromChildren();
   applyFilters();
 }
 

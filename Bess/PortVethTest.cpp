@@ -75,6 +75,15 @@ class PortVeth : public ::testing::Test {
   testing::ModuleHarness harness_;
 };
 
+TEST_F(PortVeth, leavesNoSocketToAProgramThatTheProcessStarts) {
+  const auto port = open("net_af_packet0,iface=va");
+  // The program that is started now looks whether a descriptor of its own is a packet socket.
+  const int inherited = std::system(
+      "for fd in /proc/self/fd/*; do readlink $fd; done | sed -n 's/socket:.\\([0-9]*\\)./\\1/p' | "
+      "while read inode; do if grep -q \" $inode *$\" /proc/net/packet; then exit 1; fi; done");
+  EXPECT_EQ(inherited, 0);
+}
+
 TEST_F(PortVeth, carriesFramesAsOnTheWire) {
   auto a = open("net_af_packet0,iface=va");
   auto b = open("net_af_packet1,iface=vb");
