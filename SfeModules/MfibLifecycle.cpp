@@ -1,6 +1,5 @@
 // Initialisation and teardown of an instance.
 
-#include <glog/logging.h>
 #include <rte_errno.h>
 #include <urcu-qsbr.h>
 
@@ -17,6 +16,7 @@
 #include "Nynet/VrfName.h"
 #include "Sfe/OrpPell/MountInfo.h"
 #include "Sfe/OrpSharedMem/EntityManager.h"
+#include "SfeModules/Assert.h"
 #include "SfeModules/Fuse.h"
 #include "SfeModules/Mfib.h"
 #include "SfeModules/MfibStates.h"
@@ -29,6 +29,10 @@ constexpr uint32_t kInitialBuckets = 128;
 constexpr bool kDeferredFree = true;
 constexpr uint32_t kSharedCounterRecords = 60000;
 constexpr int kSharedMemType = 0;
+
+// What the steps of an initialisation trace under.
+constexpr const char* kInitSignature =
+    "CommandResponse SfeModules::Mfib::Init(const sfe::pb::MfibArg&)";
 
 // Network namespace of a VRF other than the default one.
 const Bindle::String namespacePrefix_ = "ns-";
@@ -63,8 +67,8 @@ Orp::Ptr<Table> mountTable(OrpSharedMem::EntityManager& manager,
 }  // namespace
 
 CommandResponse Mfib::Init(const sfe::pb::MfibArg& arg) {
-  SFE_TRACE("Mfib", 6, "max_mroute: ", arg.max_mroute(), ", af: ", arg.af(),
-            ", vrfname: ", arg.vrfname(), ", vrfid ", arg.vrfid());
+  SFE_TRACE_AS(kInitSignature, "Mfib", 6, "max_mroute: ", arg.max_mroute(), ", af: ", arg.af(),
+               ", vrfname: ", arg.vrfname(), ", vrfid ", arg.vrfid());
   af_ = arg.af();
   vrfName_ = arg.vrfname();
   vrfId_ = arg.vrfid();
@@ -101,7 +105,7 @@ CommandResponse Mfib::createTables() {
   urcu_qsbr_get_default_call_rcu_data();
 
   mfib_ = createTable<RouteTable>();
-  CHECK(mfib_);
+  SFE_ASSERT(mfib_);
   multicastIntfTable_ = createTable<IntfSet>();
   if (multicastIntfTable_ == nullptr) {
     return CommandFailure(rte_errno, "multicastIntf: failed to create hash table. Error: %s",
@@ -137,12 +141,13 @@ void Mfib::openNotifySocket() {
     notifySocket_->enableTxIs(true);
   } catch (const Orp::SystemException& error) {
     if (error.errnoValue() != EINVAL && error.errnoValue() != ENOENT) {
-      SFE_TRACE("Mfib", 6, "Enabling Tx socket returned unexpected error: ", error.errnoValue(),
-                ". Exiting due to the same.");
-      CHECK(0 && "MrtNotifyNetlinkSocketPam::enableTxIs() failed");
+      SFE_TRACE_AS(kInitSignature, "Mfib", 6,
+                   "Enabling Tx socket returned unexpected error: ", error.errnoValue(),
+                   ". Exiting due to the same.");
+      SFE_ASSERT(0 && "MrtNotifyNetlinkSocketPam::enableTxIs() failed");
     }
-    SFE_TRACE("Mfib", 6, "Enabling Tx socket returned error: ", error.errnoValue(),
-              ". Ignoring the same.");
+    SFE_TRACE_AS(kInitSignature, "Mfib", 6,
+                 "Enabling Tx socket returned error: ", error.errnoValue(), ". Ignoring the same.");
   }
 }
 

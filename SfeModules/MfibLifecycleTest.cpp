@@ -55,6 +55,7 @@ using Sfe::Multicast::MrouteCounterTable;
 
 constexpr const char* kSource = "10.0.0.2";
 constexpr const char* kGroup = "239.1.1.1";
+const std::string kInitTrace = "CommandResponse SfeModules::Mfib::Init(const sfe::pb::MfibArg&): ";
 
 class MfibLifecycle : public MfibFixture {
  protected:
@@ -157,9 +158,7 @@ TEST_F(MfibLifecycle, initialisationTracesItsArguments) {
   arg.set_max_mroute(100);
   arg.set_vrfid(9);
   harness_.create<Mfib>("Mfib", arg);
-  EXPECT_EQ(log.with("CommandResponse SfeModules::Mfib::Init(const sfe::pb::MfibArg&): "
-                     "max_mroute: 100, af: 1, vrfname: default, vrfid 9"),
-            1U);
+  EXPECT_EQ(log.with(kInitTrace + "max_mroute: 100, af: 1, vrfname: default, vrfid 9"), 1U);
 }
 
 TEST_F(MfibLifecycle, theLargestNumberOfRoutesLimitsNothing) {
@@ -240,7 +239,7 @@ TEST_F(MfibLifecycle, aRouteTableThatCannotBeMadeIsFatal) {
         failingTable = 1;
         create("fatal", "red");
       },
-      "Check failed: mfib_");
+      "Assertion `mfib_' failed");
 }
 
 TEST_F(MfibLifecycle, aSocketThatCannotBeOpenedIsFatal) {
@@ -254,15 +253,16 @@ TEST_F(MfibLifecycle, aSocketThatCannotBeOpenedIsFatal) {
         setrlimit(RLIMIT_NOFILE, &limit);
         create("fatal", "default");
       },
+      "Mfib::Init\\(const sfe::pb::MfibArg&\\): "
       "Enabling Tx socket returned unexpected error: 24. Exiting due to the same.(.|\n)*"
-      "0 && \"MrtNotifyNetlinkSocketPam::enableTxIs\\(\\) failed\"");
+      "Assertion `0 && \"MrtNotifyNetlinkSocketPam::enableTxIs\\(\\) failed\"' failed");
 }
 
 TEST_F(MfibLifecycle, aMissingNamespaceIsTracedAndIgnored) {
   const TraceLevel level(6);
   const LogLines log;
   createInstance({.vrf = "no-such-vrf"});
-  EXPECT_EQ(log.with("Enabling Tx socket returned error: 2. Ignoring the same."), 1U);
+  EXPECT_EQ(log.with(kInitTrace + "Enabling Tx socket returned error: 2. Ignoring the same."), 1U);
   EXPECT_FALSE(MfibTestPeer::socket(*mfib_)->enableTx());
   enable({"Ethernet0"});
   receive(frame(), "Ethernet0");
@@ -294,7 +294,7 @@ TEST_F(MfibNamespaces, aFileThatIsNoNamespaceIsTracedAndIgnored) {
   const TraceLevel level(6);
   const LogLines log;
   createInstance({.vrf = "plain"});
-  EXPECT_EQ(log.with("Enabling Tx socket returned error: 22. Ignoring the same."), 1U);
+  EXPECT_EQ(log.with(kInitTrace + "Enabling Tx socket returned error: 22. Ignoring the same."), 1U);
   EXPECT_FALSE(MfibTestPeer::socket(*mfib_)->enableTx());
 }
 
