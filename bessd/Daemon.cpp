@@ -47,6 +47,7 @@ Daemon::Eal::Eal(const Options& options) {
   step("cannot start the packet library", [&] {
     bess::EalOptions eal;
     eal.hugePages = options.hugePages;
+    eal.pci = options.pci;
     eal.memoryMb = options.memoryMb;
     eal.extra = options.eal;
     bess::initEal(eal);

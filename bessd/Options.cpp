@@ -56,6 +56,7 @@ void addResourceOptions(CLI::App& app, Options& options, Raw& raw) {
       ->check(CLI::Range(64u, 1u << 20))
       ->capture_default_str();
   app.add_flag("--huge", options.hugePages, "Take that memory from huge pages");
+  app.add_flag("--pci", options.pci, "Let cards on the PCI bus be ports");
   app.add_option("--packets", options.packets, "Packet buffers of each memory node")
       ->check(CLI::Range(1023u, 1u << 24))
       ->capture_default_str();

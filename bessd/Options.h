@@ -24,6 +24,7 @@ struct Options {
   std::vector<uint32_t> workers;         // core of worker 0, 1, ...
   uint32_t memoryMb = 1024;
   bool hugePages = false;
+  bool pci = false;
   uint32_t packets = 16384;  // of each memory node
   uint32_t dataRoom = 2048;  // bytes behind the headroom
   std::string pluginDirectory = SFE_PLUGIN_DIRECTORY;

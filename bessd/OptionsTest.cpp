@@ -30,6 +30,7 @@ TEST(Options, haveDefaultsThatNeedNothing) {
   EXPECT_EQ(options.pluginDirectory, SFE_PLUGIN_DIRECTORY);
   EXPECT_TRUE(options.workers.empty());
   EXPECT_FALSE(options.hugePages);
+  EXPECT_FALSE(options.pci);
   EXPECT_EQ(options.publishPeriod, std::chrono::seconds(1));
 }
 
@@ -43,7 +44,7 @@ TEST(Options, takeEverything) {
                                "b.so",        "--eal",        "--vdev net_null0 -v",
                                "--toggles",   "/t",           "--publish-period",
                                "100",         "--spin",       "--log-level",
-                               "2",           "--foreground"});
+                               "2",           "--foreground", "--pci"});
   ASSERT_TRUE(parsed.result.options) << parsed.err;
   const Options& options = *parsed.result.options;
   EXPECT_EQ(options.control.socket, "/x/s");
@@ -51,6 +52,7 @@ TEST(Options, takeEverything) {
   EXPECT_EQ(options.workers, (std::vector<uint32_t>{0, 3}));
   EXPECT_EQ(options.memoryMb, 256u);
   EXPECT_TRUE(options.hugePages);
+  EXPECT_TRUE(options.pci);
   EXPECT_EQ(options.packets, 4095u);
   EXPECT_EQ(options.dataRoom, 9216u);
   EXPECT_EQ(options.pluginDirectory, "/p");
