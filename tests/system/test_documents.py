@@ -3,6 +3,7 @@
 import os
 import re
 import shlex
+import socket
 import struct
 import subprocess
 import sys
@@ -10,11 +11,12 @@ from pathlib import Path
 
 import pytest
 
-from testbed.daemon import SFECTL
+from testbed.daemon import SFECTL, Daemon
 from testbed.document import blocks
 from testbed.metrics import fetch
+from testbed.namespaces import Namespace
 from testbed.router import Router
-from testbed.run import BUILD, ROOT
+from testbed.run import BUILD, ROOT, Run
 from testbed.traffic import send_paced
 
 DOCS = ROOT / "docs"
@@ -119,6 +121,45 @@ def test_every_configuration_is_good(tmp_path):
     assert checked > 6
 
 
+def configuration(page):
+    """The first configuration of a page, with ports that lead nowhere."""
+    text = next(block for kind, block in blocks((DOCS / "how-to" / page).read_text()) if kind == "yaml")
+    return re.sub(r"net_\w+?(\d),iface=\w+", r"net_null\1", text)
+
+
+@pytest.fixture
+def daemon():
+    with Run("howto") as own:
+        yield own.keep(Daemon(own, own.keep(Namespace(f"{own.name}-howto")), ["--plugin-dir", str(BUILD / "lib")]))
+
+
+def apply(daemon, text, *options):
+    file = daemon.run.directory / "sfe.yaml"
+    file.write_text(text)
+    return daemon.json("apply", file, *options)["steps"]
+
+
+def test_a_pair_changes_its_interfaces_only(daemon):
+    active = configuration("pair.md")
+    standby = active.replace("multicast: true", "multicast: false")
+    assert active.count("multicast: true") == 2
+    apply(daemon, standby)
+    told = daemon.json("explain", "10.1.0.2", "239.1.1.1", "Ethernet1")
+    assert "dropped: its interface is not enabled for multicast" in [row["detail"] for row in told]
+    steps = apply(daemon, active)
+    assert steps and {step["kind"] for step in steps} == {"multicast"}, steps
+    told = daemon.json("explain", "10.1.0.2", "239.1.1.1", "Ethernet1")
+    assert "forwarded to Ethernet2" in [row["detail"] for row in told]
+
+
+def test_vrfs_do_not_meet(daemon):
+    apply(daemon, configuration("vrfs.md"))
+    for vrf, iif, oif in (("red", "Ethernet1.10", "Ethernet2.10"), ("blue", "Ethernet2.20", "Ethernet1.20")):
+        told = daemon.json("explain", "10.1.0.2", "239.1.1.1", iif, "--vrf", vrf)
+        assert f"forwarded to {oif}" in [row["detail"] for row in told]
+        assert [row["iif"] for row in daemon.json("show", "mroute", "--vrf", vrf)] == [iif]
+
+
 def test_every_drop_reason_is_explained():
     counted = set(re.findall(r"`drop_(\w+)`", (DOCS / "reference" / "counters.md").read_text()))
     explained = re.findall(r"^\| `(\w+)` \|", (DOCS / "explanation" / "drops.md").read_text(), re.M)
@@ -192,3 +233,46 @@ def check_object(data):
     states = [struct.unpack_from("=Q", data, 512 + n * number("size of one slot") + slots["state"])[0]
               for n in range(min(capacity, 1000))]
     assert set(states) <= {0, int(constants["kSlotUsed"], 0), int(constants["kSlotFree"], 0)}
+
+
+@pytest.mark.parametrize("version, group", [(4, "kGroupIpv4"), (6, "kGroupIpv6")])
+def test_notifications_are_as_described(scope, router, version, group):
+    constants = {name.strip("`"): int(value.strip("`")) for name, value, _ in rows("netlink.md", "Constants")}
+    with router.forwarder.entered():
+        listener = scope.keep(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE))
+    listener.bind((0, 0))
+    listener.settimeout(10)
+    listener.setsockopt(270, 1, constants[group])  # SOL_NETLINK, NETLINK_ADD_MEMBERSHIP
+    flow = scope.flow(version)
+    scope.sender("source", flow).send()
+    family = socket.AF_INET if version == 4 else socket.AF_INET6
+    wanted = {"SRC_ADDR": socket.inet_pton(family, flow.source), "DST_ADDR": socket.inet_pton(family, flow.group)}
+    while True:
+        message = listener.recv(70000)
+        found = attributes(message, version)
+        if found["DST_ADDR"] == wanted["DST_ADDR"]:
+            break
+    for offset, size, field, _ in rows("netlink.md", "Head"):
+        value = int.from_bytes(message[int(offset):int(offset) + int(size)], sys.byteorder)
+        if field.startswith("nlmsg_len"):
+            assert value == len(message) == (72 if version == 4 else 88)
+        elif number := re.search(r"= (\d+)(?:.*or (\d+))?", field):
+            assert value == int(number.group(2) if number.group(2) and version == 6 else number.group(1)), field
+    assert found["MSGTYPE"] == bytes([constants["kKindNoCache"]])
+    assert {name: found[name] for name in wanted} == wanted
+    assert found["kAttrIntfId"][:4] == found["VIF_ID / MIF_ID"]
+    assert ("TABLE" in found) == (version == 4)
+
+
+def attributes(message, version):
+    """The attributes of a message by the names that the page gives them; they have the order and lengths of the page."""
+    listed = rows("netlink.md", "Attributes")
+    expected = [(int(kind), int(length.split("/")[-1 if version == 6 else 0]), name) for length, kind, name, _ in listed
+                if name != "PKT" and (version == 4 or name != "TABLE")]
+    found, at = {}, 20
+    for kind, length, name in expected:
+        assert struct.unpack_from("=HH", message, at) == (length, kind), name
+        found[name] = message[at + 4:at + length]
+        at += (length + 3) // 4 * 4
+    assert at == len(message)
+    return found
