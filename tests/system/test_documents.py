@@ -265,7 +265,7 @@ def test_notifications_are_as_described(scope, router, version, group):
 
 
 def attributes(message, version):
-    """The attributes of a message by the names that the page gives them; they have the order and lengths of the page."""
+    """The attributes of a message by the names of the page, whose order and lengths they have."""
     listed = rows("netlink.md", "Attributes")
     expected = [(int(kind), int(length.split("/")[-1 if version == 6 else 0]), name) for length, kind, name, _ in listed
                 if name != "PKT" and (version == 4 or name != "TABLE")]
