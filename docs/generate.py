@@ -82,7 +82,7 @@ def proto(path):
     """One file of the protocol: its opening comment, its calls, and a table for each message."""
     lines = path.read_text().splitlines()
     opening = [line[2:].strip() for line in lines[:next(i for i, x in enumerate(lines) if x.startswith("syntax"))]]
-    parts, comment, rows, title = [f"## {path.name}\n", " ".join(opening) + "\n"], [], [], None
+    parts, comment, rows, title = [f"## {path.name}\n", " ".join(filter(None, opening)) + "\n"], [], [], None
     for line in lines:
         start = re.match(r"(message|enum|service) (\w+) \{", line)
         if start:
@@ -193,7 +193,7 @@ def shared_memory():
     notes = "\n".join(lines[last:]).rstrip()
     return page("Counters in shared memory",
                 "The daemon keeps the counters of routes and interfaces in POSIX shared memory, files "
-                "`/dev/shm/sfe.SYSNAME.*`; readers\nneed no daemon and no lock. `sfectl show mroute -s` and\n"
+                "`/dev/shm/sfe.SYSNAME.*`; readers\nneed no daemon and no lock. `sfectl show mroute -s` and "
                 "`sfectl counters` read them. Every field is made of 64-bit words in the byte order of the machine "
                 "that wrote it.\n",
                 "## Header, 512 bytes\n", header, "## Slot n, at 512 + n * slot size\n", slots,
