@@ -38,7 +38,7 @@ def read(unit):
     """The settings of the [Service] section: name to the list of its values."""
     values = {}
     section = None
-    for line in unit.read_text().splitlines():
+    for line in unit.read_text().replace("\\\n", " ").splitlines():
         if line.startswith("["):
             section = line
         elif section == "[Service]" and "=" in line and not line.startswith("#"):
