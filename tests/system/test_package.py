@@ -6,6 +6,7 @@ import os
 import re
 import subprocess
 import sys
+from contextlib import closing
 from pathlib import Path
 
 import pytest
@@ -14,14 +15,14 @@ from testbed.clean_root import CleanRoot
 from testbed.daemon import STATE_FILES, CommandFailed
 from testbed.namespaces import Network
 from testbed.notify import NotifySocket
-from testbed.router import Graph, Interface
 from testbed.run import BUILD, ROOT, Run, start, wait_until
 from testbed.traffic import TTL, Receiver, Sender
 
 # Kept by the package system and by the C library for all packages together.
 SHARED = re.compile(r"/(var/lib/(dpkg|systemd/deb-systemd-helper-\w+)|var/(log|cache)|etc/ld\.so\.cache"
                     r"|etc/(group|gshadow|passwd|shadow)-|etc/\.pwd\.lock|proc|sys|dev|tmp)(/|$)")
-FLOW, STREAM = 1, 100
+STREAM = 100
+CONFIG, EXAMPLES = "/etc/sfe/sfe.yaml", "/usr/share/doc/sfe/examples"
 SANDBOX = ROOT / "tests" / "testbed" / "sandbox.py"
 
 
@@ -74,10 +75,11 @@ def files(root):
 
 
 class Service:
-    """The installed daemon, started as its unit says, and the installed client."""
+    """The installed daemon, started and reloaded as its unit says, and the installed client."""
 
-    def __init__(self, run, root, network):
+    def __init__(self, run, root, namespace):
         self.root = root
+        self.namespace = namespace
         self.manager = run.keep(NotifySocket(run))
         inside = root.outside("/run/notify")
         subprocess.run(root.command("touch", "/run/notify"), check=True)
@@ -87,11 +89,20 @@ class Service:
         self.variables = {"SYSNAME": run.name}
         self.log = run.directory / "service.log"
         with open(self.log, "wb") as log:
-            self.process = start(
-                network.command("nsenter", f"--mount=/proc/{root.holder.pid}/ns/mnt", sys.executable, "-B", SANDBOX,
-                                f"{root.path}/lib/systemd/system/sfe.service", root.path),
-                {**self.variables, "NOTIFY_SOCKET": "/run/notify"}, stdout=log, stderr=log)
+            self.process = start(self.command("ExecStart"), {**self.variables, "NOTIFY_SOCKET": "/run/notify"},
+                                 stdout=log, stderr=log)
         run.keep(self)
+
+    def command(self, setting):
+        """The command line that runs the program of a setting of the unit under the unit's restrictions."""
+        return self.namespace.command("nsenter", f"--mount=/proc/{self.root.holder.pid}/ns/mnt", sys.executable, "-B",
+                                      SANDBOX, f"{self.root.path}/lib/systemd/system/sfe.service", self.root.path,
+                                      setting)
+
+    def reload(self):
+        """What `systemctl reload` runs."""
+        return subprocess.run(list(map(str, self.command("ExecReload"))), env={**os.environ, **self.variables},
+                              capture_output=True, text=True, timeout=60)
 
     def sfectl(self, *args):
         result = self.root.attempt("sfectl", *args, **self.variables)
@@ -99,12 +110,9 @@ class Service:
             raise CommandFailed(["sfectl", *map(str, args)], result)
         return result.stdout
 
-    def json(self, *args):
-        text = self.sfectl("--json", *args)
-        return json.loads(text) if text.strip() else None
-
-    def load_plugins(self):
-        """The unit has loaded them."""
+    def group_of(self, path):
+        """The name of the group that a file belongs to, inside."""
+        return self.root.check("stat", "-c", "%G %a", path).split()
 
     def status(self):
         """What /proc says of the process: name to value."""
@@ -121,21 +129,54 @@ class Service:
             self.root.outside("/run/notify").unlink()
 
 
-def forward_a_stream(run, network, service):
-    """Two hosts with the service in between; every packet of the one reaches the other."""
+def hosts_around(run, network):
+    """Two hosts, cabled to the devices that the examples name."""
     hosts = {name: network.namespace(name) for name in ("source", "sink")}
-    graph = Graph(service)
-    graph.build()
-    for number, (name, host) in enumerate(hosts.items(), 1):
-        network.cable(host, "eth0", network.namespaces["fwd"], f"veth{number}")
+    for number, host in enumerate(hosts.values(), 1):
+        network.cable(host, "eth0", network.namespaces["fwd"], f"eth{number}")
         host.address("eth0", f"10.{number}.0.2/24")
-        graph.add_interface(Interface(number, f"net_af_packet{number},iface=veth{number}"))
-    graph.start_instance_tasks()
-    graph.start_receiving()
-    graph.add_route("10.1.0.2", "239.1.1.1", "Ethernet1", ["Ethernet2"])
-    receiver = run.keep(Receiver(hosts["sink"], "eth0", ["239.1.1.1"]))
-    sender = run.keep(Sender(hosts["source"], "eth0", "10.1.0.2", "239.1.1.1", FLOW))
-    return sender, receiver
+    return hosts
+
+
+def check_stream(hosts, group, flow):
+    """Every packet of the one host reaches the other."""
+    with (closing(Receiver(hosts["sink"], "eth0", [group])) as receiver,
+          closing(Sender(hosts["source"], "eth0", "10.1.0.2", group, flow)) as sender):
+        sender.send(STREAM)
+        assert receiver.wait_for(flow, STREAM, 15)
+        assert receiver.problems(flow, STREAM, TTL - 1) == []
+
+
+def check_reload(root, service, hosts):
+    """A reload adds what the file says now, refuses a broken file as a whole, and leaves the rest running."""
+    file = root.outside(CONFIG)
+    good = file.read_text()
+    assert "239.1.1.1" in good and "239.1.1.2" not in good
+    more = good + "  - {source: 10.1.0.2, group: 239.1.1.2, iif: Ethernet1, oifs: [Ethernet2]}\n"
+    file.write_text(more)
+    reloaded = service.reload()
+    assert reloaded.returncode == 0, reloaded.stderr
+    check_stream(hosts, "239.1.1.2", 2)
+    file.write_text(good + "colour: red\n")
+    refused = service.reload()
+    assert refused.returncode == 1 and "colour" in refused.stderr, refused
+    check_stream(hosts, "239.1.1.2", 3)
+    file.write_text(more)
+    assert service.reload().stdout == "nothing to change\n"
+
+
+def check_documents(root):
+    """What the manual pages and documents promise is there, and the documents' links lead somewhere."""
+    top = root.outside("/usr/share/doc/sfe")
+    assert json.loads(root.outside("/usr/share/sfe/sfe.schema.json").read_text())["$id"]
+    assert json.loads(root.outside("/usr/share/sfe/grafana/sfe.json").read_text())["panels"]
+    assert {path.name for path in (top / "examples").iterdir()} == {path.name for path in (ROOT / "examples").iterdir()}
+    for example in (top / "examples").iterdir():
+        root.check("sfectl", "apply", "--check", f"{EXAMPLES}/{example.name}")
+    pages = list(top.rglob("*.md"))
+    links = [(page, target) for page in pages for target in re.findall(r"\]\(([^)#]+)[^)]*\)", page.read_text())]
+    assert len(links) > 20
+    assert [(page.name, to) for page, to in links if "://" not in to and not (page.parent / to).exists()] == []
 
 
 def test_it_is_installed_started_used_and_purged(package):
@@ -144,20 +185,24 @@ def test_it_is_installed_started_used_and_purged(package):
         before = files(root)
         (root.outside("/tmp") / package.name).write_bytes(package.read_bytes())
         root.check("dpkg", "--install", f"/tmp/{package.name}")
-        assert {"/usr/sbin/bessd", "/usr/bin/sfectl", "/etc/sfe/sfe.yaml", "/BessProc"} <= set(files(root))
+        assert {"/usr/sbin/bessd", "/usr/bin/sfectl", CONFIG, "/BessProc"} <= set(files(root))
         assert re.search(r"^sfe:", root.outside("/etc/group").read_text(), re.M)
         assert root.check("sfectl", "--version") == root.check("bessd", "--version").replace("bessd", "sfectl")
+        check_documents(root)
 
         network = run.keep(Network(run.name))
-        service = Service(run, root, network.namespace("fwd"))
+        forwarder = network.namespace("fwd")
+        hosts = hosts_around(run, network)
+        root.check("cp", f"{EXAMPLES}/minimal.yaml", CONFIG)
+        service = Service(run, root, forwarder)
         assert service.manager.wait_for("READY=1", timeout=60), service.log.read_text()
         status = service.status()
         assert status["NoNewPrivs"] == "1" and status["Seccomp"] == "2" and status["CapBnd"] == status["CapPrm"]
+        assert service.group_of("/run/sfe/bessd.sock") == ["sfe", "660"]
+        assert service.group_of("/run/sfe/read.sock") == ["sfe-view", "660"]
         assert service.sfectl("version").startswith("sfectl ")
-        sender, receiver = forward_a_stream(run, network, service)
-        sender.send(STREAM)
-        assert receiver.wait_for(FLOW, STREAM, 15)
-        assert receiver.problems(FLOW, STREAM, TTL - 1) == []
+        check_stream(hosts, "239.1.1.1", 1)
+        check_reload(root, service, hosts)
         # Outside of the sandbox, where operators are.
         assert wait_until(lambda: "239.1.1.1" in root.attempt("cat", STATE_FILES / "Mroute4_default").stdout, 15)
         service.process.terminate()

@@ -1,12 +1,13 @@
 #!/usr/bin/python3 -B
 """Runs the program of a service unit under the unit's own restrictions, where no service manager is running.
 
-    sandbox.py UNIT ROOT
+    sandbox.py UNIT ROOT [SETTING]
 
-ROOT becomes the root directory; the program is the one of ExecStart=. Capabilities, system calls, address families,
-kinds of namespaces, writable code, limits, environment and the runtime directory are as the unit says. Device access is
-a control group's matter, and clock, host name, keyring and realtime follow from the capabilities and system calls here:
-those are left out. A setting that is in no list below is refused, so that none is left out unseen.
+ROOT becomes the root directory; the program is the one of SETTING, ExecStart when it is left out. Capabilities, system
+calls, address families, kinds of namespaces, writable code, limits, environment and the runtime directory are as the
+unit says. Device access is a control group's matter, and clock, host name, keyring and realtime follow from the
+capabilities and system calls here: those are left out. A setting that is in no list below is refused, so that none is
+left out unseen.
 """
 
 import ctypes
@@ -19,12 +20,12 @@ from pathlib import Path
 
 import seccomp
 
-KEPT_OUT = {"Type", "NotifyAccess", "ExecReload", "WatchdogSec", "Restart", "RestartSec", "TimeoutStopSec",
+KEPT_OUT = {"Type", "NotifyAccess", "WatchdogSec", "Restart", "RestartSec", "TimeoutStopSec",
             "RuntimeDirectoryMode", "DevicePolicy", "DeviceAllow", "ProtectClock", "ProtectHostname", "KeyringMode",
             "RestrictRealtime", "RestrictSUIDSGID", "SystemCallArchitectures", "SystemCallErrorNumber",
             "LockPersonality"}
-APPLIED = {"Environment", "EnvironmentFile", "ExecStart", "RuntimeDirectory", "LimitMEMLOCK", "LimitNOFILE",
-           "CapabilityBoundingSet", "NoNewPrivileges", "RestrictAddressFamilies", "RestrictNamespaces",
+APPLIED = {"Environment", "EnvironmentFile", "ExecStart", "ExecReload", "RuntimeDirectory", "LimitMEMLOCK",
+           "LimitNOFILE", "CapabilityBoundingSet", "NoNewPrivileges", "RestrictAddressFamilies", "RestrictNamespaces",
            "SystemCallFilter", "MemoryDenyWriteExecute"}
 NAMESPACES = {"cgroup": 0x02000000, "ipc": 0x08000000, "net": 0x40000000, "mnt": 0x00020000, "pid": 0x20000000,
               "user": 0x10000000, "uts": 0x04000000}
@@ -62,10 +63,10 @@ def environment(values, root):
     return result
 
 
-def command(values, variables):
-    """The words of ExecStart=: ${X} is a part of one word, $X becomes as many words as it has."""
+def command(line, variables):
+    """The words of a command line: ${X} is a part of one word, $X becomes as many words as it has."""
     words = []
-    for word in values["ExecStart"][0].split():
+    for word in line.split():
         if word.startswith("$") and not word.startswith("${"):
             words += variables.get(word[1:], "").split()
         else:
@@ -146,7 +147,7 @@ def main():
     unit, root = Path(sys.argv[1]), Path(sys.argv[2])
     values = read(unit)
     variables = environment(values, root)
-    words = command(values, variables)
+    words = command(values[sys.argv[3] if sys.argv[3:] else "ExecStart"][0], variables)
     rules = filtered(values)
     inherited = {name: os.environ[name] for name in ("NOTIFY_SOCKET", "SYSNAME") if name in os.environ}
     runtime = Path("/run", values["RuntimeDirectory"][0])
