@@ -132,7 +132,7 @@ WRONG = [
     (["connect", "nobody", "sink"], REFUSED, ["nobody"]),
     (["connect", "in:1", "nobody"], REFUSED, ["nobody"]),
     (["connect", "in:0", "sink"], REFUSED, ["in"]),
-    (["connect", "in:7", "sink"], REFUSED, ["7"]),
+    (["connect", "in:4095", "sink"], REFUSED, ["4095"]),
     (["connect", "sink", "in"], REFUSED, ["sink"]),
     (["disconnect", "in:2"], REFUSED, ["in"]),
     (["disconnect", "nobody"], REFUSED, ["nobody"]),
