@@ -13,7 +13,9 @@
 #pragma once
 
 #include <rte_mbuf.h>
+#include <rte_memcpy.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -92,6 +94,8 @@ class Packet {
   // header lengths. Returns: null when the pool is dry, when the packet has several segments, or
   // when its data does not fit a buffer of the pool.
   static Packet* copy(const Packet* src);
+  // The same `n` times. Returns: how many could be made; the packets are in `copies`.
+  static size_t copy(const Packet* src, Packet** copies, size_t n);
 
   // A packet that shares the data of `src`, of any number of segments, with metadata of its own
   // that begins as a copy. Nobody writes into shared data. Returns: null when the pool is dry.
@@ -109,6 +113,9 @@ class Packet {
   static void annotateAlloc(rte_mbuf* mbuf) { SFE_RCU_DEREFERENCE(mbuf); }
 
  private:
+  static void fill(rte_mbuf* to, const Packet* src);
+  static void prefetchForCopy(const rte_mbuf* to, const rte_mbuf& from);
+
   rte_mbuf mbuf_;
 };
 
@@ -117,34 +124,73 @@ struct PacketDeleter {
 };
 using PacketPtr = std::unique_ptr<Packet, PacketDeleter>;
 
-inline Packet* Packet::copy(const Packet* src) {
-  if (!src->isLinear()) {
-    return nullptr;
-  }
+// `to` comes from the pool as the pool keeps it: one segment, reference count 1, nothing chained.
+inline void Packet::fill(rte_mbuf* to, const Packet* src) {
+  constexpr size_t kReceived = offsetof(rte_mbuf, packet_type);  // packet_type .. vlan_tci_outer
+  constexpr size_t kReceivedBytes = offsetof(rte_mbuf, buf_len) - kReceived;
+  constexpr uint16_t kShortCopy = 256;
   const rte_mbuf& from = src->mbuf_;
-  rte_mbuf* to = rte_pktmbuf_alloc(from.pool);
-  if (to == nullptr) {
-    return nullptr;
-  }
-  annotateAlloc(to);
-  if (static_cast<size_t>(from.data_off) + from.data_len > to->buf_len) {
-    rte_pktmbuf_free(to);
-    return nullptr;
-  }
   to->data_off = from.data_off;
-  to->data_len = from.data_len;
-  to->pkt_len = from.data_len;
+  to->nb_segs = 1;
   to->port = from.port;
-  to->ol_flags |= from.ol_flags & ~(RTE_MBUF_F_EXTERNAL | RTE_MBUF_F_INDIRECT);
-  to->packet_type = from.packet_type;
-  to->hash = from.hash;
-  to->vlan_tci = from.vlan_tci;
-  to->vlan_tci_outer = from.vlan_tci_outer;
+  to->ol_flags = (to->ol_flags & RTE_MBUF_F_EXTERNAL) |
+                 (from.ol_flags & ~(RTE_MBUF_F_EXTERNAL | RTE_MBUF_F_INDIRECT));
+  memcpy(reinterpret_cast<char*>(to) + kReceived, reinterpret_cast<const char*>(&from) + kReceived,
+         kReceivedBytes);
+  to->pkt_len = from.data_len;
   to->tx_offload = from.tx_offload;
-  memcpy(rte_pktmbuf_mtod(to, char*), rte_pktmbuf_mtod(&from, const char*), from.data_len);
-  Packet* result = Packet::from(to);
-  memcpy(result->metadata<char*>(), src->metadata<const char*>(), kMetadataSize);
-  return result;
+  memcpy(Packet::from(to)->metadata<char*>(), src->metadata<const char*>(), kMetadataSize);
+  if (from.data_len <= kShortCopy) {
+    rte_memcpy(rte_pktmbuf_mtod(to, char*), rte_pktmbuf_mtod(&from, const char*), from.data_len);
+  } else {
+    memcpy(rte_pktmbuf_mtod(to, char*), rte_pktmbuf_mtod(&from, const char*), from.data_len);
+  }
+}
+
+inline void Packet::prefetchForCopy(const rte_mbuf* to, const rte_mbuf& from) {
+  const char* line = reinterpret_cast<const char*>(to);
+  const char* end = line + sizeof(rte_mbuf) + kMetadataSize;
+  for (; line < end; line += RTE_CACHE_LINE_SIZE) {
+    __builtin_prefetch(line, 1);
+  }
+  __builtin_prefetch(end + from.data_off, 1);
+}
+
+inline Packet* Packet::copy(const Packet* src) {
+  Packet* result = nullptr;
+  return copy(src, &result, 1) == 1 ? result : nullptr;
+}
+
+inline size_t Packet::copy(const Packet* src, Packet** copies, size_t n) {
+  const rte_mbuf& from = src->mbuf_;
+  if (!src->isLinear() || n == 0) {
+    return 0;
+  }
+  auto** mbufs = reinterpret_cast<rte_mbuf**>(copies);
+  if (rte_mempool_get_bulk(from.pool, reinterpret_cast<void**>(mbufs), n) != 0) {
+    // Fewer are left than were asked for.
+    size_t got = 0;
+    while (got < n && rte_mempool_get(from.pool, reinterpret_cast<void**>(mbufs + got)) == 0) {
+      ++got;
+    }
+    n = got;
+  }
+  constexpr size_t kAhead = 3;
+  for (size_t i = 0; i < std::min(n, kAhead); ++i) {
+    prefetchForCopy(mbufs[i], from);
+  }
+  for (size_t i = 0; i < n; ++i) {
+    if (i + kAhead < n) {
+      prefetchForCopy(mbufs[i + kAhead], from);
+    }
+    annotateAlloc(mbufs[i]);
+    if (static_cast<size_t>(from.data_off) + from.data_len > mbufs[i]->buf_len) {
+      Free(copies + i, n - i);
+      return i;
+    }
+    fill(mbufs[i], src);
+  }
+  return n;
 }
 
 inline Packet* Packet::clone(Packet* src) {

@@ -17,8 +17,8 @@ namespace {
 
 // Caches of many workers must not hold a noticeable part of the pool; a small pool has none, so
 // that its last packet can be had.
-constexpr unsigned kMaxCache = 256;
-constexpr unsigned kPacketsPerCached = 64;
+constexpr unsigned kMaxCache = RTE_MEMPOOL_CACHE_MAX_SIZE;
+constexpr unsigned kPacketsPerCached = 32;
 constexpr unsigned kMinCount = 1024;
 
 unsigned cacheSize(unsigned count) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -85,6 +86,39 @@ TEST_F(PacketTest, copiesNothingWhenPoolIsDry) {
   }
   EXPECT_EQ(Packet::copy(pkt.get()), nullptr);
   EXPECT_EQ(Packet::clone(pkt.get()), nullptr);
+}
+
+TEST_F(PacketTest, copiesAsOftenAsThePoolCan) {
+  for (const size_t bytes : {1U, 64U, 256U, 257U, 1000U}) {
+    std::string data(bytes, '.');
+    for (size_t i = 0; i < bytes; ++i) {
+      data[i] = static_cast<char>('a' + i % 23);
+    }
+    PacketPtr pkt = make(data);
+    fillMetadata(pkt.get());
+    std::array<Packet*, 20> copies{};
+    ASSERT_EQ(Packet::copy(pkt.get(), copies.data(), 3), 3U);
+    ASSERT_EQ(Packet::copy(pkt.get(), copies.data() + 3, 17), 4U) << "8 packets are in the pool";
+    ASSERT_EQ(Packet::copy(pkt.get(), copies.data() + 7, 1), 0U);
+    for (size_t i = 0; i < 7; ++i) {
+      EXPECT_EQ(bytesOf(copies[i]), data);
+      EXPECT_EQ(copies[i]->totalLen(), bytes);
+      EXPECT_TRUE(copies[i]->isLinear());
+      EXPECT_EQ(memcmp(copies[i]->metadata<char*>(), pkt->metadata<char*>(), Packet::kMetadataSize),
+                0);
+    }
+    Packet::Free(copies.data(), 7);
+  }
+  EXPECT_EQ(pool_.inUse(), 0U);
+}
+
+TEST_F(PacketTest, copiesNothingOfAChainOrNoTimes) {
+  PacketPtr chain = makeChain("one", "two");
+  PacketPtr pkt = make("one");
+  std::array<Packet*, 2> copies{};
+  EXPECT_EQ(Packet::copy(chain.get(), copies.data(), 2), 0U);
+  EXPECT_EQ(Packet::copy(pkt.get(), copies.data(), 0), 0U);
+  EXPECT_EQ(pool_.inUse(), 3U);
 }
 
 TEST_F(PacketTest, clonesChainWithMetadataOfItsOwn) {
