@@ -11,6 +11,6 @@ target_link_libraries(sfe_ht INTERFACE sfe_tsan PkgConfig::DPDK PkgConfig::URCU)
 
 sfe_test(CrcHashTest SOURCES CrcHashTest.cpp DEPS sfe_ht)
 sfe_test(RteAllocatorTest SOURCES RteAllocatorTest.cpp DEPS sfe_ht EAL)
-sfe_test(NyUrcuHtTest SOURCES NyUrcuHtTest.cpp DEPS sfe_ht EAL)
+sfe_test(NyUrcuHtTest SOURCES NyUrcuHtTest.cpp NyUrcuHtIndexTest.cpp DEPS sfe_ht EAL)
 sfe_test(NyUrcuHtStressTest SOURCES NyUrcuHtStressTest.cpp DEPS sfe_ht EAL)
 sfe_benchmark(NyUrcuHtBenchmark SOURCES NyUrcuHtBenchmark.cpp DEPS sfe_ht)

@@ -14,7 +14,8 @@
 // Ownership  : the table owns its nodes; values are copied out. A std::shared_ptr value that is
 //              copied and dropped inside one read side is never the last owner of its object.
 // Errors     : see the constructor and the destructor. Exhausted DPDK memory stops the process.
-// Cost       : lookup(): a CRC of the key, a chain walk, the value's copy; no lock, no write.
+// Cost       : find(): a CRC of the key, a line of the index and one of the node, or a chain walk
+//              where there is no index; no lock, no write. lookup() copies the value besides.
 // Invariants :
 //   (1) a key is in the table at most once at any moment; replacing it is one atomic step.
 //   (2) a node is complete before it can be found, and its key and value never change after.
@@ -22,11 +23,14 @@
 //       succeeded or the replacer that got it back.
 //   (4) no node is freed before every reader that might have found it had a quiescent state.
 //   (5) values are destroyed on RCU's call_rcu thread (deferred free), else on the remover's.
+//   (6) with an index or without, a look-up finds what is in the table at that moment.
 #pragma once
 
+#include <rte_pause.h>
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -43,35 +47,74 @@
 #include "Base/RcuAnnotate.h"
 #include "SfeModules/Assert.h"
 #include "SfeModules/CrcHash.h"
+#include "SfeModules/NyUrcuHtIndex.h"
 #include "SfeModules/RteAllocator.h"
 
-// What liburcu links; a base class of its own so that both addresses lead back to the node.
+// What liburcu links and calls back with; base classes, so that both addresses lead to the node.
 struct NyRcuHtLink {
   cds_lfht_node htNode{};
+};
+struct NyRcuHtReclaim {
   rcu_head rcuHead{};
 };
 
+// All that a look-up reads: one cache line where key and value let it.
 template <class K, class V>
-struct NyRcuHtNode : NyRcuHtLink {
+struct NyRcuHtEntry : NyRcuHtLink {
+  NyRcuHtEntry(const K& k, V&& v) : key(k), value(std::move(v)) {}
+
+  K key;
+  V value;
+};
+
+template <class K, class V>
+struct NyRcuHtNode : NyRcuHtEntry<K, V>, NyRcuHtReclaim {
   using KeyRelease = void (*)(K&);
   using ValueRelease = void (*)(V&);
+  enum Ownership : uint8_t { kUnlinked, kLinked, kLocked };
 
   NyRcuHtNode(const K& k, V&& v, KeyRelease onKey, ValueRelease onValue)
-      : key(k), value(std::move(v)), releaseKey(onKey), releaseValue(onValue) {}
+      : NyRcuHtEntry<K, V>(k, std::move(v)), releaseKey(onKey), releaseValue(onValue) {}
 
   static NyRcuHtNode* of(cds_lfht_node* htNode) {
     return static_cast<NyRcuHtNode*>(reinterpret_cast<NyRcuHtLink*>(htNode));
   }
   static NyRcuHtNode* of(rcu_head* head) {
-    auto* link = reinterpret_cast<char*>(head) - offsetof(NyRcuHtLink, rcuHead);
-    return static_cast<NyRcuHtNode*>(reinterpret_cast<NyRcuHtLink*>(link));
+    return static_cast<NyRcuHtNode*>(reinterpret_cast<NyRcuHtReclaim*>(head));
   }
 
-  K key;
-  V value;
-  KeyRelease releaseKey;           // called with the key when the node is freed; may be null
-  ValueRelease releaseValue;       // called with the value likewise; may be null
-  std::atomic<uint8_t> linked{1};  // cleared once, by the node's owner, when it is unlinked
+  // Byte for byte. A key is a whole number of words, and short: no call, no branch per word.
+  static bool sameKey(const K& a, const K& b) {
+    std::array<uint64_t, sizeof(K) / sizeof(uint64_t)> left;
+    std::array<uint64_t, sizeof(K) / sizeof(uint64_t)> right;
+    std::memcpy(left.data(), &a, sizeof(K));
+    std::memcpy(right.data(), &b, sizeof(K));
+    uint64_t difference = 0;
+    for (size_t i = 0; i < left.size(); ++i) {
+      difference |= left[i] ^ right[i];
+    }
+    return difference == 0;
+  }
+
+  // Locked for the moment in which its place in the index changes. Returns: false when the node is
+  // unlinked already. Waits for another thread's moment.
+  bool lock() {
+    Ownership expected = kLinked;
+    while (!ownership.compare_exchange_weak(expected, kLocked, std::memory_order_acq_rel)) {
+      if (expected == kUnlinked) {
+        return false;
+      }
+      expected = kLinked;
+      rte_pause();
+    }
+    return true;
+  }
+  void unlock() { ownership.store(kLinked, std::memory_order_release); }
+
+  KeyRelease releaseKey;      // called with the key when the node is freed; may be null
+  ValueRelease releaseValue;  // called with the value likewise; may be null
+  std::atomic<uint64_t>* place = nullptr;  // in the index; null when it is not there
+  std::atomic<Ownership> ownership{kLinked};
 };
 
 template <class K, class V, class A = Dpdk::RteAllocator<NyRcuHtNode<K, V>, 0>>
@@ -85,7 +128,7 @@ class NyRcuHt {
   static_assert(std::is_trivially_copyable_v<K> && std::has_unique_object_representations_v<K>,
                 "a key is compared and hashed as raw bytes");
   static_assert(std::is_nothrow_move_constructible_v<V>, "a node is filled in one step");
-  static_assert(std::is_standard_layout_v<NyRcuHtLink> && offsetof(NyRcuHtLink, htNode) == 0,
+  static_assert(std::is_standard_layout_v<NyRcuHtLink> && std::is_standard_layout_v<NyRcuHtReclaim>,
                 "liburcu's pointers lead back to the node");
 
   // A position in the table; input iterator. The end is the position on no node.
@@ -134,18 +177,21 @@ class NyRcuHt {
   // A table that starts with `initialSize` buckets, never has fewer than `minBuckets`, and grows
   // and shrinks by itself; both are powers of two. `deferredFree`: removed nodes are freed through
   // call_rcu; otherwise each removal waits for a grace period. The release callbacks are called
-  // with the key and the value of a node when it is freed, before they are destroyed. Errors:
-  // std::runtime_error "failed to construct" when liburcu makes no table.
+  // with the key and the value of a node when it is freed, before they are destroyed.
+  // `indexedEntries`: how many entries find() is to reach without a walk; more are found all the
+  // same. Errors: std::runtime_error "failed to construct" when liburcu makes no table.
   explicit NyRcuHt(uint32_t initialSize = kDefaultBuckets,
                    bool deferredFree = true,
                    uint32_t minBuckets = kDefaultBuckets,
                    KeyRelease releaseKey = nullptr,
-                   ValueRelease releaseValue = nullptr)
+                   ValueRelease releaseValue = nullptr,
+                   uint32_t indexedEntries = 0)
       : initialSize_(initialSize),
         seed_(static_cast<uint32_t>(std::time(nullptr))),
         deferredFree_(deferredFree),
         releaseKey_(releaseKey),
-        releaseValue_(releaseValue) {
+        releaseValue_(releaseValue),
+        index_(indexedEntries) {
     table_ = _cds_lfht_new(initialSize_, minBuckets, 0, CDS_LFHT_AUTO_RESIZE | CDS_LFHT_ACCOUNTING,
                            nullptr, &urcu_qsbr_flavor, nullptr);
     if (table_ == nullptr) {
@@ -195,7 +241,7 @@ class NyRcuHt {
   // Returns: 1 when the node's key equals the K at `key` byte for byte, else 0.
   static int nyMatch(cds_lfht_node* node, const void* key) {
     SFE_RCU_DEREFERENCE(node);
-    return std::memcmp(&Node::of(node)->key, key, sizeof(K)) == 0 ? 1 : 0;
+    return Node::sameKey(Node::of(node)->key, *static_cast<const K*>(key)) ? 1 : 0;
   }
 
   // Copies the key's value into `value`, which is untouched when the key is absent; `iter` is left
@@ -209,16 +255,33 @@ class NyRcuHt {
     return true;
   }
   bool lookup(const K& key, V& value) const {
-    cds_lfht_iter iter;
-    return lookup(key, value, iter);
+    const V* found = find(key);
+    if (found == nullptr) {
+      return false;
+    }
+    value = *found;
+    return true;
   }
 
   // Returns: the value in place, null when the key is absent. RCU: valid in the caller's read side.
-  const V* find(const K& key) const {
+  const V* find(const K& key) const { return find(key, nyHash(key)); }
+
+  // The same with the key's hash, which the caller has from nyHash().
+  const V* find(const K& key, uint32_t hash) const {
+    // The chains decide: a node that was replaced or removed stays in the index for a moment.
+    if (Node* node = index_.find(key, hash);
+        node != nullptr && cds_lfht_is_node_deleted(&node->htNode) == 0) [[likely]] {
+      SFE_RCU_DEREFERENCE(&node->htNode);
+      return &node->value;
+    }
     cds_lfht_iter iter;
-    const Node* node = findNode(key, iter);
+    const Node* node = findNode(key, hash, iter);
     return node == nullptr ? nullptr : &node->value;
   }
+
+  // What find() with that hash will read, fetched ahead: the second once the first has arrived.
+  void prefetchSet(uint32_t hash) const { index_.prefetchSet(hash); }
+  void prefetchNode(uint32_t hash) const { index_.prefetchNode(hash); }
 
   bool contains(const K& key) const { return find(key) != nullptr; }
 
@@ -232,10 +295,12 @@ class NyRcuHt {
     cds_lfht_node* replaced =
         cds_lfht_add_replace(table_, hash, &nyMatch, &node->key, &node->htNode);
     if (replaced == nullptr) {
+      indexNew(node, hash);
       return true;
     }
     SFE_RCU_DEREFERENCE(replaced);
     retire(Node::of(replaced));
+    place(node, hash);
     return false;
   }
 
@@ -251,6 +316,8 @@ class NyRcuHt {
     if (present != &node->htNode) {
       SFE_RCU_DEREFERENCE(present);
       freeNode(node);  // never reachable
+    } else {
+      indexNew(node, hash);
     }
     return &Node::of(present)->value;
   }
@@ -302,8 +369,32 @@ class NyRcuHt {
   static constexpr uint32_t kDefaultBuckets = 128;
 
   Node* findNode(const K& key, cds_lfht_iter& iter) const {
-    cds_lfht_lookup(table_, nyHash(key), &nyMatch, &key, &iter);
+    return findNode(key, nyHash(key), iter);
+  }
+  Node* findNode(const K& key, uint32_t hash, cds_lfht_iter& iter) const {
+    cds_lfht_lookup(table_, hash, &nyMatch, &key, &iter);
     return iter.node == nullptr ? nullptr : Node::of(iter.node);
+  }
+
+  // Puts a linked node into the index, or into its place there after the index has grown.
+  void place(Node* node, uint32_t hash) {
+    if (index_.enabled() && node->lock()) {
+      index_.remove(node);
+      index_.add(node, hash);
+      node->unlock();
+    }
+  }
+
+  void indexNew(Node* node, uint32_t hash) {
+    if (!index_.enabled()) {
+      return;
+    }
+    place(node, hash);
+    const size_t entries = entries_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (index_.crowded(entries) && !growing_.exchange(true, std::memory_order_acquire)) {
+      index_.grow([this](Node* moved) { place(moved, nyHash(moved->key)); });
+      growing_.store(false, std::memory_order_release);
+    }
   }
 
   // When cds_lfht_del fails, another remover or replacer unlinked the node and frees it, once,
@@ -312,18 +403,30 @@ class NyRcuHt {
     if (cds_lfht_del(table_, &node->htNode) != 0) {
       return false;
     }
+    if (index_.enabled()) {
+      entries_.fetch_sub(1, std::memory_order_relaxed);
+    }
     retire(node);
     return true;
   }
 
   // Marks the node as taken out. A second owner would be a double free and stops the process.
   static void takeOwnership(Node* node) {
-    const bool wasLinked = node->linked.exchange(0, std::memory_order_acq_rel) != 0;
+    const bool wasLinked = node->lock();
     SFE_ASSERT(wasLinked);
+    node->ownership.store(Node::kUnlinked, std::memory_order_release);
+  }
+
+  // After this nobody finds the node any more, and nobody puts it back into the index.
+  void unindex(Node* node) {
+    if (node->place != nullptr) {
+      index_.remove(node);
+    }
   }
 
   void retire(Node* node) {
     takeOwnership(node);
+    unindex(node);
     SFE_RCU_RETIRE(&node->htNode);
     if (deferredFree_) {
       urcu_qsbr_call_rcu(&node->rcuHead, &freeNodeAsync);
@@ -353,6 +456,7 @@ class NyRcuHt {
       Node* node = position.node();
       if (cds_lfht_del(table_, &node->htNode) == 0) {
         takeOwnership(node);
+        unindex(node);
         SFE_RCU_RETIRE(&node->htNode);
         removed.push_back(node);
       }
@@ -367,4 +471,7 @@ class NyRcuHt {
   const bool deferredFree_;
   const KeyRelease releaseKey_;
   const ValueRelease releaseValue_;
+  NyRcuHtIndex<Node> index_;
+  std::atomic<size_t> entries_{0};  // counted where there is an index
+  std::atomic<bool> growing_{false};
 };

@@ -22,8 +22,8 @@ RouteKey routeKey(uint32_t number) {
   return key;
 }
 
-std::unique_ptr<Routes> filled(int64_t routes) {
-  auto table = std::make_unique<Routes>(128, true);
+std::unique_ptr<Routes> filled(int64_t routes, uint32_t indexed = 1U << 20) {
+  auto table = std::make_unique<Routes>(128, true, 128, nullptr, nullptr, indexed);
   for (uint32_t i = 0; i < static_cast<uint32_t>(routes); ++i) {
     table->insert(routeKey(i), std::make_shared<uint64_t>(i));
   }
@@ -41,6 +41,14 @@ void hash(benchmark::State& state) {
 
 void findHit(benchmark::State& state) {
   auto table = filled(state.range(0));
+  uint32_t next = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(table->find(routeKey(next++ % static_cast<uint32_t>(state.range(0)))));
+  }
+}
+
+void findHitByWalk(benchmark::State& state) {
+  auto table = filled(state.range(0), 0);
   uint32_t next = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(table->find(routeKey(next++ % static_cast<uint32_t>(state.range(0)))));
@@ -89,6 +97,7 @@ void walk(benchmark::State& state) {
 
 BENCHMARK(hash);
 BENCHMARK(findHit)->Arg(16)->Arg(1024)->Arg(65536);
+BENCHMARK(findHitByWalk)->Arg(16)->Arg(1024)->Arg(65536);
 BENCHMARK(lookupHitWithCopy)->Arg(16)->Arg(1024)->Arg(65536);
 BENCHMARK(findMiss)->Arg(1024)->Arg(65536);
 BENCHMARK(replace)->Arg(1024);

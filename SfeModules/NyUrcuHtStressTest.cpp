@@ -264,11 +264,14 @@ void torture(Table& table) {
   });
 }
 
-TEST(NyUrcuHtStress, freesEveryValueOnceAndAfterItsReaders) {
+// The parameter: how many entries are indexed.
+class NyUrcuHtStress : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(NyUrcuHtStress, freesEveryValueOnceAndAfterItsReaders) {
   Score thisScore;
   score = &thisScore;
   {
-    Table table(128, true, 128, nullptr, &releaseValue);
+    Table table(128, true, 128, nullptr, &releaseValue, GetParam());
     torture(table);
   }
   drain();
@@ -292,14 +295,14 @@ TEST(NyUrcuHtStress, freesEveryValueOnceAndAfterItsReaders) {
 }
 
 // Two removers that stand on the same entry: one of them gets it, and it is released once.
-TEST(NyUrcuHtStress, givesAnEntryToOneOfTwoRemovers) {
+TEST_P(NyUrcuHtStress, givesAnEntryToOneOfTwoRemovers) {
   constexpr uint64_t kRounds = 2000;
   static_assert(kRounds <= kMaxIds);
   Score thisScore;
   score = &thisScore;
   std::atomic<uint64_t> removed{0};
   {
-    Table table(128, true, 128, nullptr, &releaseValue);
+    Table table(128, true, 128, nullptr, &releaseValue, GetParam());
     std::barrier together(2);
     const auto remove = [&](bool inserts) {
       RegisteredThread registered;
@@ -330,5 +333,7 @@ TEST(NyUrcuHtStress, givesAnEntryToOneOfTwoRemovers) {
   }
   EXPECT_EQ(0U, score->badReleases);
 }
+
+INSTANTIATE_TEST_SUITE_P(Index, NyUrcuHtStress, ::testing::Values(0U, 1024U, 65536U));
 
 }  // namespace

@@ -1,0 +1,132 @@
+// What the index adds to the table; what it must not change is in the table's own tests.
+#include "SfeModules/NyUrcuHtIndex.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "SfeModules/NyUrcuHt.h"
+
+namespace {
+
+using Numbers = NyRcuHt<uint64_t, uint64_t>;
+
+// A node as the index sees it.
+struct Item {
+  static bool sameKey(uint64_t a, uint64_t b) { return a == b; }
+  uint64_t key = 0;
+  std::atomic<uint64_t>* place = nullptr;
+};
+using Index = NyRcuHtIndex<Item>;
+
+TEST(NyUrcuHtIndex, findsWhatWasAddedUntilItIsRemoved) {
+  Index index(64);
+  Item item{.key = 7};
+  index.add(&item, 0x12345678);
+  EXPECT_EQ(&item, index.find(uint64_t{7}, 0x12345678));
+  EXPECT_EQ(nullptr, index.find(uint64_t{8}, 0x12345678));
+  EXPECT_EQ(nullptr, index.find(uint64_t{7}, 0x12345679));
+  index.remove(&item);
+  EXPECT_EQ(nullptr, index.find(uint64_t{7}, 0x12345678));
+  EXPECT_EQ(nullptr, item.place);
+}
+
+TEST(NyUrcuHtIndex, findsAKeyWhoseHashIsZero) {
+  Index index(64);
+  EXPECT_EQ(nullptr, index.find(uint64_t{0}, 0));
+  Item item;
+  index.add(&item, 0);
+  EXPECT_EQ(&item, index.find(uint64_t{0}, 0));
+  index.remove(&item);
+}
+
+TEST(NyUrcuHtIndex, leavesOutWhatFindsItsSetFull) {
+  Index index(64);
+  std::vector<Item> items(9);
+  for (uint64_t i = 0; i < items.size(); ++i) {
+    items[i].key = i;
+    index.add(&items[i], 5);
+  }
+  for (uint64_t i = 0; i < 8; ++i) {
+    EXPECT_EQ(&items[i], index.find(i, 5)) << i;
+  }
+  EXPECT_EQ(nullptr, index.find(uint64_t{8}, 5));
+  EXPECT_EQ(nullptr, items[8].place);
+  index.remove(&items[3]);
+  index.add(&items[8], 5);
+  EXPECT_EQ(&items[8], index.find(uint64_t{8}, 5));
+}
+
+TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
+  Index index(1024);  // 256 sets
+  std::vector<Item> items(600);
+  const auto hashOf = [](uint64_t key) { return static_cast<uint32_t>(key * 2654435761U); };
+  unsigned grown = 0;
+  for (uint64_t i = 0; i < items.size(); ++i) {
+    items[i].key = i;
+    index.add(&items[i], hashOf(i));
+    while (index.crowded(i + 1)) {
+      index.grow([&](Item* item) {
+        index.remove(item);
+        index.add(item, hashOf(item->key));
+      });
+      ++grown;
+    }
+  }
+  EXPECT_EQ(4U, grown);  // 16, 32, 64, 128, 256
+  size_t found = 0;
+  for (uint64_t i = 0; i < items.size(); ++i) {
+    const Item* item = index.find(i, hashOf(i));
+    EXPECT_TRUE(item == nullptr || item == &items[i]);
+    found += item != nullptr ? 1 : 0;
+  }
+  EXPECT_LT(items.size() * 9 / 10, found);
+}
+
+TEST(NyUrcuHtIndex, holdsNothingWithoutEntries) {
+  Index index(0);
+  Item item{.key = 1};
+  index.add(&item, 1);
+  index.prefetchSet(1);
+  index.prefetchNode(1);
+  EXPECT_EQ(nullptr, index.find(uint64_t{1}, 1));
+  EXPECT_FALSE(index.crowded(1000000));
+}
+
+// As many as the index was made for, twice as many, and none indexed: all are found.
+TEST(NyUrcuHtIndex, findsEveryEntryOfATableOfAnySize) {
+  for (const uint32_t indexedEntries : {0U, 64U, 10000U}) {
+    Numbers table(128, true, 128, nullptr, nullptr, indexedEntries);
+    constexpr uint64_t kEntries = 20000;
+    for (uint64_t key = 0; key < kEntries; ++key) {
+      ASSERT_TRUE(table.insert(key, key + 1));
+    }
+    for (uint64_t key = 0; key < kEntries; ++key) {
+      const uint64_t* value = table.find(key);
+      ASSERT_NE(nullptr, value) << key;
+      ASSERT_EQ(key + 1, *value);
+    }
+    EXPECT_EQ(nullptr, table.find(kEntries));
+  }
+}
+
+TEST(NyUrcuHtIndex, followsReplacementsAndRemovals) {
+  Numbers table(128, true, 128, nullptr, nullptr, 1024);
+  for (uint64_t round = 0; round < 3; ++round) {
+    for (uint64_t key = 0; key < 500; ++key) {
+      EXPECT_EQ(round == 0, table.insert(key, round));
+      ASSERT_NE(nullptr, table.find(key));
+      EXPECT_EQ(round, *table.find(key));
+    }
+  }
+  for (uint64_t key = 0; key < 500; key += 2) {
+    EXPECT_TRUE(table.erase(key));
+    EXPECT_EQ(nullptr, table.find(key));
+    EXPECT_EQ(9U, *table.findOrInsert(key, 9));
+    EXPECT_EQ(9U, *table.find(key));
+  }
+  EXPECT_EQ(500U, table.size());
+}
+
+}  // namespace
