@@ -1,6 +1,6 @@
 # The multicast module. Its objects are linked by the plug-in and by its tests.
 sfe_library(mfib_core OBJECT
-  SOURCES AddressText.cpp BessPktCache.cpp HeldKeys.cpp MfibAlerts.cpp MfibCounters.cpp MfibExplain.cpp MfibForward.cpp
+  SOURCES AddressText.cpp BessPktCache.cpp HeldKeys.cpp MfibAlerts.cpp MfibBatch.cpp MfibCounters.cpp MfibExplain.cpp MfibForward.cpp
           MfibIntfs.cpp MfibLifecycle.cpp MfibMetrics.cpp MfibRegistration.cpp MfibRoutes.cpp MfibStates.cpp
           MfibTasks.cpp MfibTypes.cpp MrouteDump.cpp NoCachePacketManager.cpp PacketFates.cpp
   DEPS bess sfe mcast_notify mcast_fib nynet orp protocol sfe_ht sfe_fuse PkgConfig::GLOG PkgConfig::DPDK PkgConfig::URCU)
@@ -18,7 +18,7 @@ if(SFE_TESTS)
             Testing/PacketBuilder.cpp Testing/PacketFixture.cpp
     DEPS mfib_core gtest)
   # Each test file is a program of its own.
-  foreach(unit PacketPath PacketStress WildcardOff)
+  foreach(unit FanOut PacketPath PacketStress WildcardOff)
     sfe_test(Mfib${unit}Test EAL SOURCES Mfib${unit}Test.cpp DEPS mfib_testing mfib_core)
   endforeach()
   # The unresolved cache and the copies that it keeps.

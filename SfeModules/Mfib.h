@@ -40,6 +40,7 @@
 #include "Sfe/Multicast/MrouteCounterTable.h"
 #include "SfeModules/ForwardRules.h"
 #include "SfeModules/ForwardingMetadata.h"
+#include "SfeModules/ForwardingPass.h"
 #include "SfeModules/MfibTypes.h"
 #include "SfeModules/MonotoneTotals.h"
 #include "SfeModules/NoCachePacketManager.h"
@@ -152,21 +153,35 @@ class Mfib : public Module {
   using WrongVifTimes = NyRcuHt<MfibKey, std::shared_ptr<AlertTimes>>;
   using SgAlertTimes = NyRcuHt<MfibKey, TimePoint>;
 
+  using FoundRoute = const std::shared_ptr<MfibPvSet>*;              // null: there is none
+  using FoundCounters = const std::shared_ptr<MrouteCounterEntry>*;  // null: none yet
+
+  // Whether the route of a packet is looked for.
+  enum class Search : uint8_t { kNone, kOwn, kAsPrevious };
+
   // What one packet carries through the steps of the packet path.
   struct PacketWork {
-    Context* ctx;
-    bess::Packet* pkt;
-    TimePoint now;
-    OutputBatchMap& map;
-    bool reinjected;
-    uint64_t inIntf;
-    uint32_t carriedWord1;
-    uint32_t carriedWord2;
-    IntfCounterEntry* inCounters = nullptr;
+    ForwardingPass* pass = nullptr;
+    bess::Packet* pkt = nullptr;
+    bool reinjected = false;
+    Parsed parsed = Parsed::kCutOff;
+    Search search = Search::kNone;
+    uint32_t carriedWord1 = 0;
+    uint32_t carriedWord2 = 0;
+    uint64_t inIntf = 0;
+    PacketHeaders headers;
+    uint32_t routeHash = 0;  // of the packet's key, in the two tables
+    uint32_t counterHash = 0;
+    FoundRoute sourceGroup = nullptr;  // the (S,G) route
+    FoundCounters counters = nullptr;
     MrouteCounterEntry* routeCounters = nullptr;
     bess::PacketBatch* deadBatch = nullptr;
-    PacketHeaders headers = {};
+
+    Context* ctx() const { return pass->ctx(); }
+    TimePoint now() const { return pass->now(); }
   };
+  LookupResult lookup(const MfibKey& key, const Mfib_U64& iif, FoundRoute sourceGroup) const;
+
   enum class Forwarded : uint8_t { kHandled, kTtlExpired };
 
   bool ipv4() const { return af_ == kAfIpv4; }
@@ -178,21 +193,30 @@ class Mfib : public Module {
   void mountCounterTables();
   void destroyTables();
 
+  // What is done for all packets of a batch before the first one is decided on.
+  void arrive(PacketWork& work, bess::Packet* pkt, bool reinjected, ForwardingPass& pass) const;
+  void hash(PacketWork& work, const PacketWork* previous) const;
+  void locate(const PacketWork& work) const;
+  void lookUp(PacketWork& work, const PacketWork* previous) const;
+
   // Steps of the packet path, in their order.
+  bool decide(PacketWork& work);
   Parsed parse(PacketWork& work) const;
-  bool passUnchanged(PacketWork& work);
-  bool handleMissingRoute(PacketWork& work);
+  [[gnu::noinline]] bool passUnchanged(PacketWork& work);
+  [[gnu::noinline]] bool handleMissingRoute(PacketWork& work);
   void applyRoute(PacketWork& work, const MfibPvSet& entry);
-  void considerWrongVif(PacketWork& work, const MfibPvSet& entry);
+  [[gnu::noinline]] void considerWrongVif(PacketWork& work, const MfibPvSet& entry);
   Forwarded forward(PacketWork& work, const MfibPvSet& entry);
-  void sendWholePacket(PacketWork& work);
+  [[gnu::noinline]] void sendWholePacket(PacketWork& work);
   void rewriteIp(PacketWork& work) const;
   void rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const;
   void replicate(PacketWork& work, const MfibPvSet& entry);
   void sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
-  void sendCopy(PacketWork& work, const MfibPvSet& entry, uint32_t index, uint8_t gateSelect);
-  bess::Packet* copyOf(bess::Packet* pkt) const;
-  static void appendTo(PacketWork& work, bess::Packet* pkt, Nynet::IntfId oif, uint16_t gate);
+  [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
+  void sendCopy(PacketWork& work,
+                ForwardingPass::Outgoing& out,
+                bess::Packet* copy,
+                uint8_t gateSelect);
   static void addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch);
   void drop(PacketWork& work, Fate reason);
   static bool finish(PacketWork& work);

@@ -57,6 +57,15 @@ void copyOut(bess::Packet* pkt, size_t offset, uint8_t* to, size_t length) {
   }
 }
 
+// Copies of a packet, which carry its metadata and nothing of an earlier packet. Returns: how many.
+size_t copiesOf(bess::Packet* pkt, bess::Packet** copies, size_t n) {
+  if (pkt->isLinear()) {
+    return bess::Packet::copy(pkt, copies, n);
+  }
+  copies[0] = bess::Packet::clone(pkt);
+  return copies[0] == nullptr ? 0 : 1;
+}
+
 uint32_t hostOrder(const AddrBytes& ipv4) {
   uint32_t word = 0;
   std::memcpy(&word, ipv4.data(), sizeof(word));
@@ -70,13 +79,20 @@ Nynet::IpGenAddr Mfib::addrArrayToGenAddr(const unsigned char* bytes, unsigned i
 }
 
 Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
-  MfibKey search = MfibKey::of(key.source.data(), key.group.data(), addrLen_);
-  if (const std::shared_ptr<MfibPvSet>* route = mfib_->find(search); route != nullptr) {
-    return {route->get(), Match::kSourceGroup, search};
+  const MfibKey search = MfibKey::of(key.source.data(), key.group.data(), addrLen_);
+  return lookup(search, iif, mfib_->find(search));
+}
+
+Mfib::LookupResult Mfib::lookup(const MfibKey& key,
+                                const Mfib_U64& iif,
+                                FoundRoute sourceGroup) const {
+  if (sourceGroup != nullptr) {
+    return {sourceGroup->get(), Match::kSourceGroup, key};
   }
   if (!toggleMfaWcFwdEnabled()) {
-    return {nullptr, Match::kNone, search};
+    return {nullptr, Match::kNone, key};
   }
+  MfibKey search = key;
   search.source = {};
   const std::shared_ptr<MfibPvSet>* route = mfib_->find(search);
   if (route != nullptr && (*route)->iif.value() == iif.value) {
@@ -85,29 +101,14 @@ Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
   return {nullptr, Match::kNone, search};
 }
 
-bool Mfib::ProcessPacket(Context* ctx,
-                         bess::Packet* pkt,
-                         bool reinjected,
-                         OutputBatchMap& map,
-                         TimePoint now) {
-  const ForwardingMetadata& arrived = metadataOf(pkt);
-  PacketWork work{ctx,
-                  pkt,
-                  now,
-                  map,
-                  reinjected,
-                  arrived.inIntfOrZero(),
-                  arrived.carriedWord1OrZero(),
-                  arrived.carriedWord2OrZero()};
-  const bool mcastIntf = multicastIntfTable_->contains(work.inIntf);
-  work.inCounters = &countingEntry(*intfCounterTable_, work.inIntf);
-  if (!reinjected) {
-    work.inCounters->pktsIn += 1;
-    work.inCounters->bytesIn += pkt->totalLen();
+[[gnu::flatten]] bool Mfib::decide(PacketWork& work) {
+  ForwardingPass::Incoming& incoming = work.pass->incoming(work.inIntf);
+  if (!work.reinjected) {
+    incoming.packets += 1;
+    incoming.bytes += work.pkt->totalLen();
   }
-
-  if (const Parsed parsed = parse(work); parsed != Parsed::kOk) {
-    drop(work, parsed == Parsed::kCutOff ? Fate::kDropCutOff : Fate::kDropPim);
+  if (work.parsed != Parsed::kOk) {
+    drop(work, work.parsed == Parsed::kCutOff ? Fate::kDropCutOff : Fate::kDropPim);
     return finish(work);
   }
   const MfibKey& key = work.headers.key;
@@ -118,40 +119,33 @@ bool Mfib::ProcessPacket(Context* ctx,
     drop(work, Fate::kDropLinkLocal);
     return finish(work);
   }
-  if (!admitsFrom(mcastIntf, work.headers.encap)) {
-    bessCounterInc(ctx->wid, nonMcastIifCounterId_);
+  if (!admitsFrom(incoming.multicast, work.headers.encap)) {
+    bessCounterInc(work.ctx()->wid, nonMcastIifCounterId_);
     drop(work, Fate::kDropNonMulticastIntf);
     return finish(work);
   }
 
-  const LookupResult match = lookup(key, {work.inIntf});
+  const LookupResult match = lookup(key, {work.inIntf}, work.sourceGroup);
   if (match.status == Match::kNone) {
     return handleMissingRoute(work);
   }
   if (match.status == Match::kWildcard) {
-    generateNoCacheAlert(ctx, key, {work.inIntf}, kTtlOfWildcardAlert, now);
+    generateNoCacheAlert(work.ctx(), key, {work.inIntf}, kTtlOfWildcardAlert, work.now());
   }
   // Counted under the packet's own (S,G), also when the (*,G) entry is used.
-  work.routeCounters = &countingEntry(*mrouteCounterTable_, key);
-  work.routeCounters->pktsIn += 1;
-  work.routeCounters->bytesIn += pkt->totalLen();
+  work.routeCounters = work.counters != nullptr ? &revive(**work.counters)
+                                                : &countingEntry(*mrouteCounterTable_, key);
+  work.pass->countRoute(*work.routeCounters, work.pkt->totalLen());
   applyRoute(work, *match.entry);
   return finish(work);
 }
 
-Parsed Mfib::parse(PacketWork& work) const {
-  if (ipv4()) {
-    return parseIpv4(work.pkt, modeFlag_ ? kEtherLen : 0, work.headers);
-  }
-  return parseIpv6(work.pkt, work.headers);
-}
-
 // Not multicast, or link-local IPv6: not ours. It leaves by gate 0 at once, as it came.
 bool Mfib::passUnchanged(PacketWork& work) {
-  bess::PacketBatch* alone = work.ctx->task->AllocPacketBatch();
+  bess::PacketBatch* alone = work.ctx()->task->AllocPacketBatch();
   alone->add(work.pkt);
-  fates_.count(work.ctx->wid, Fate::kPassed);
-  RunChooseModule(work.ctx, 0, alone);
+  fates_.count(work.ctx()->wid, Fate::kPassed);
+  RunChooseModule(work.ctx(), 0, alone);
   return false;
 }
 
@@ -161,7 +155,7 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
   const MfibKey& key = work.headers.key;
   const uint8_t ttl = work.headers.ttl;
   if (alertsOnLastHop(ttl)) {
-    generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+    generateNoCacheAlert(work.ctx(), key, iif, ttl, work.now());
   }
   const uint32_t maxHeld = noCacheMgr_->maxUnresolvedPktBuffers_.load(std::memory_order_relaxed);
   switch (withoutRoute(ttl, work.reinjected, maxHeld)) {
@@ -172,7 +166,7 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
       drop(work, Fate::kDropNoRoute);
       return finish(work);
     case WithoutRoute::kNotifyAndDrop:
-      generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+      generateNoCacheAlert(work.ctx(), key, iif, ttl, work.now());
       drop(work, Fate::kDropNoRoute);
       return finish(work);
     case WithoutRoute::kOfferToTheCache:
@@ -182,8 +176,8 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
     drop(work, Fate::kDropCacheFull);
     return finish(work);
   }
-  fates_.count(work.ctx->wid, Fate::kHeld);
-  generateNoCacheAlert(work.ctx, key, iif, ttl, work.now);
+  fates_.count(work.ctx()->wid, Fate::kHeld);
+  generateNoCacheAlert(work.ctx(), key, iif, ttl, work.now());
   bess::Packet::Free(work.pkt);  // the cache holds its own copy
   return true;
 }
@@ -212,18 +206,18 @@ void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
 void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   const MfibKey& key = work.headers.key;
   if (!canAlertWrongVif(key, {work.inIntf}, entry)) {
-    notifications_.count(work.ctx->wid, Notification::kWrongVifSuppressed);
+    notifications_.count(work.ctx()->wid, Notification::kWrongVifSuppressed);
     return;
   }
   fillMessage(wrongVifMsg_, work);
-  bessCounterInc(work.ctx->wid, wrongVifCounterId_);
+  bessCounterInc(work.ctx()->wid, wrongVifCounterId_);
   work.routeCounters->wrongVif += 1;
   try {
-    addWrongVifTimestamp(key, work.inIntf, work.now);
+    addWrongVifTimestamp(key, work.inIntf, work.now());
   } catch (const std::exception&) {
     return;  // out of memory: without its time an alert would go out for every packet
   }
-  notifications_.count(work.ctx->wid, Notification::kWrongVif);
+  notifications_.count(work.ctx()->wid, Notification::kWrongVif);
   notifySocket_->txMrtNotificationWithIntfId(wrongVifMsg_, work.inIntf);
 }
 
@@ -275,8 +269,8 @@ void Mfib::sendWholePacket(PacketWork& work) {
   }
   fillMessage(wholePktMsg_, work);
   wholePktMsg_->pktIs(whole);
-  bessCounterInc(work.ctx->wid, wholePktCounterId_);
-  notifications_.count(work.ctx->wid, Notification::kWholePkt);
+  bessCounterInc(work.ctx()->wid, wholePktCounterId_);
+  notifications_.count(work.ctx()->wid, Notification::kWholePkt);
   notifySocket_->txMrtNotificationWithIntfId(wholePktMsg_, work.inIntf);
 }
 
@@ -297,13 +291,12 @@ void Mfib::rewriteIp(PacketWork& work) const {
     }
   }
   uint8_t* ip = pkt->headData<uint8_t*>() + (modeFlag_ ? kEtherLen : 0);
+  uint8_t tos = ip[offsetof(rte_ipv4_hdr, type_of_service)];
   if (!modeFlag_) {
-    uint8_t& tos = ip[offsetof(rte_ipv4_hdr, type_of_service)];
     const uint32_t dscp = (metadataOf(pkt).qosMarkOrZero() >> kQosMarkShift) & kDscpMask;
     tos = static_cast<uint8_t>(dscp | (tos & kEcnMask));
   }
-  decrementByte(ip + offsetof(rte_ipv4_hdr, time_to_live));
-  writeIpv4Checksum(ip);
+  rewriteIpv4Header(ip, tos);
 }
 
 // The packet itself goes to the first interface, after its own rewrite; copies made of it go to the
@@ -311,15 +304,15 @@ void Mfib::rewriteIp(PacketWork& work) const {
 void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
   const uint8_t gateSelect = modeFlag_ ? metadataOf(work.pkt).gateSelectOrZero() : uint8_t{0};
   sendOriginal(work, entry, gateSelect);
-  for (uint32_t i = 1; i < entry.numOifs; ++i) {
-    sendCopy(work, entry, i, gateSelect);
+  if (entry.numOifs > 1) {
+    sendCopies(work, entry, gateSelect);
   }
 }
 
 void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
   const Nynet::IntfId oif = entry.oifs[0];
   const auto gate = static_cast<uint16_t>(entry.oifGates[0]);
-  IntfCounterEntry& counters = countingEntry(*intfCounterTable_, oif.value());
+  ForwardingPass::Outgoing& out = work.pass->outgoing(oif, gate);
   ForwardingMetadata& meta = metadataOf(work.pkt);
   if (modeFlag_ || !ipv4()) {
     rewriteLink(work.pkt, entry);
@@ -331,47 +324,62 @@ void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSe
     drop(work, Fate::kDropGate);  // it stays the source of the copies
     return;
   }
-  counters.pktsOut += 1;
-  counters.bytesOut += work.pkt->totalLen();
-  meta.vlanId = Nynet::VlanIntfId::vlanId(oif);
+  meta.vlanId = out.vlanId;
   meta.vrfId = vrfId_;
   meta.outIntf = oif.value();
   meta.presence |= kHasVrfId | kHasOutIntf | kHasVlanId;
-  fates_.count(work.ctx->wid, Fate::kForwarded);
-  appendTo(work, work.pkt, oif, gate);
+  fates_.count(work.ctx()->wid, Fate::kForwarded);
+  work.pass->append(out, work.pkt);
 }
 
-void Mfib::sendCopy(PacketWork& work, const MfibPvSet& entry, uint32_t index, uint8_t gateSelect) {
-  const Nynet::IntfId oif = entry.oifs[index];
-  const auto gate = static_cast<uint16_t>(entry.oifGates[index]);
-  IntfCounterEntry& counters = countingEntry(*intfCounterTable_, oif.value());
-  if (!permitsGate(gateSelect, gate)) {
-    return;
+// The copies are made in bulk. An interface whose copy cannot be made, the pool being dry, goes
+// without.
+void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
+  std::array<bess::Packet*, bess::PacketBatch::kMaxBurst> copies;
+  size_t made = 0;
+  size_t sent = 0;
+  for (uint32_t i = 1; i < entry.numOifs; ++i) {
+    const auto gate = static_cast<uint16_t>(entry.oifGates[i]);
+    ForwardingPass::Outgoing& out = work.pass->outgoing(entry.oifs[i], gate);
+    if (!permitsGate(gateSelect, gate)) {
+      continue;
+    }
+    if (sent == made) {
+      // With a gate selection nobody knows how many more are wanted.
+      const size_t wanted = gateSelect != 0 ? 1 : entry.numOifs - i;
+      sent = 0;
+      made = copiesOf(work.pkt, copies.data(), std::min(wanted, copies.size()));
+      fates_.count(work.ctx()->wid, Fate::kCopied, made);
+    }
+    if (sent == made) {
+      fates_.count(work.ctx()->wid, Fate::kCopyFailed);
+      continue;
+    }
+    sendCopy(work, out, copies[sent], gateSelect);
+    ++sent;
   }
-  bess::Packet* copy = copyOf(work.pkt);
-  if (copy == nullptr) {
-    fates_.count(work.ctx->wid, Fate::kCopyFailed);
-    return;  // the pool is dry: this interface goes without
-  }
-  fates_.count(work.ctx->wid, Fate::kCopied);
-  counters.pktsOut += 1;
-  counters.bytesOut += copy->totalLen();
+}
+
+void Mfib::sendCopy(PacketWork& work,
+                    ForwardingPass::Outgoing& out,
+                    bess::Packet* copy,
+                    uint8_t gateSelect) {
   ForwardingMetadata& meta = metadataOf(copy);
   meta.carriedByte = meta.carriedByteOrZero();
-  meta.vlanId = Nynet::VlanIntfId::vlanId(oif);
+  meta.vlanId = out.vlanId;
   meta.carriedWord1 = work.carriedWord1;
   meta.carriedWord2 = work.carriedWord2;
   meta.vrfId = vrfId_;
   meta.gateSelect = gateSelect;
   meta.inIntf = work.inIntf;
-  meta.outIntf = oif.value();
+  meta.outIntf = out.intf;
   meta.presence |= kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
                    kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2;
   if (!modeFlag_ && ipv4()) {
     meta.encapHint = kEncapHintIp;
     meta.presence |= kHasEncapHint;
   }
-  appendTo(work, copy, oif, gate);
+  work.pass->append(out, copy);
 }
 
 void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
@@ -381,26 +389,9 @@ void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
   std::memcpy(&ether->src_addr, &bridgeMac, kMacLen);
 }
 
-// A copy carries the arriving packet's metadata and nothing of an earlier packet.
-bess::Packet* Mfib::copyOf(bess::Packet* pkt) const {
-  if (pkt->isLinear()) {
-    return bess::Packet::copy(pkt);
-  }
-  return bess::Packet::clone(pkt);
-}
-
-void Mfib::appendTo(PacketWork& work, bess::Packet* pkt, Nynet::IntfId oif, uint16_t gate) {
-  bess::PacketBatch*& outBatch = work.map[IntfGateKey{oif.value(), gate}];
-  if (outBatch == nullptr) {
-    outBatch = work.ctx->task->AllocPacketBatch();
-  }
-  CHECK(!outBatch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
-  outBatch->add(pkt);
-}
-
 void Mfib::drop(PacketWork& work, Fate reason) {
-  fates_.count(work.ctx->wid, reason);
-  addToDeadBatch(work.ctx, work.pkt, work.deadBatch);
+  fates_.count(work.ctx()->wid, reason);
+  addToDeadBatch(work.ctx(), work.pkt, work.deadBatch);
 }
 
 void Mfib::addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch) {
@@ -414,7 +405,7 @@ bool Mfib::finish(PacketWork& work) {
   if (work.deadBatch == nullptr) {
     return true;
   }
-  work.inCounters->pktsDropped += 1;
+  work.pass->incoming(work.inIntf).dropped += 1;
   bess::Packet::Free(work.pkt);
   work.deadBatch->clear();
   return false;

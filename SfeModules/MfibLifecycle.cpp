@@ -37,9 +37,15 @@ constexpr const char* kInitSignature =
 // Network namespace of a VRF other than the default one.
 const Bindle::String namespacePrefix_ = "ns-";
 
+// How many entries each look-up of the packet path reaches at once; beyond that it takes a walk.
+constexpr uint32_t kIndexedRoutes = 1U << 20;
+constexpr uint32_t kIndexedAlerts = 1U << 16;
+constexpr uint32_t kIndexedIntfs = 1U << 12;
+
 template <class Table>
-Table* createTable() {
-  return new (std::nothrow) Table(kInitialBuckets, kDeferredFree);
+Table* createTable(uint32_t indexedEntries) {
+  return new (std::nothrow)
+      Table(kInitialBuckets, kDeferredFree, kInitialBuckets, nullptr, nullptr, indexedEntries);
 }
 
 template <class Table>
@@ -82,8 +88,8 @@ CommandResponse Mfib::Init(const sfe::pb::MfibArg& arg) {
   openNotifySocket();
   createMessages();
   mountCounterTables();
-  intfCounterTable_ = new IntfCounters(kInitialBuckets, kDeferredFree);
-  mrouteCounterTable_ = new MrouteCounters(kInitialBuckets, kDeferredFree);
+  intfCounterTable_ = createTable<IntfCounters>(kIndexedIntfs);
+  mrouteCounterTable_ = createTable<MrouteCounters>(kIndexedRoutes);
   noCacheMgr_ = new NoCachePacketManager(af_, *multicastIntfTable_, *mfib_, *intfCounterTable_,
                                          *mrouteCounterTable_);
   const std::string prefix = std::string("mfib") + (ipv4() ? "4" : "6") + "." + vrfName_;
@@ -104,19 +110,19 @@ CommandResponse Mfib::createTables() {
   // The reclaim thread is made here: a worker never has to.
   urcu_qsbr_get_default_call_rcu_data();
 
-  mfib_ = createTable<RouteTable>();
+  mfib_ = createTable<RouteTable>(kIndexedRoutes);
   SFE_ASSERT(mfib_);
-  multicastIntfTable_ = createTable<IntfSet>();
+  multicastIntfTable_ = createTable<IntfSet>(kIndexedIntfs);
   if (multicastIntfTable_ == nullptr) {
     return CommandFailure(rte_errno, "multicastIntf: failed to create hash table. Error: %s",
                           rte_strerror(-ENOMEM));
   }
-  wrongVifTimestampTable_ = createTable<WrongVifTimes>();
+  wrongVifTimestampTable_ = createTable<WrongVifTimes>(kIndexedAlerts);
   if (wrongVifTimestampTable_ == nullptr) {
     return CommandFailure(rte_errno, "wrongVifTimestamp: failed to create hash table. Error: %s",
                           rte_strerror(-ENOMEM));
   }
-  sgAlertTable_ = createTable<SgAlertTimes>();
+  sgAlertTable_ = createTable<SgAlertTimes>(kIndexedAlerts);
   if (sgAlertTable_ == nullptr) {
     return CommandFailure(rte_errno, "sgAlert: failed to create hash table. Error: %s",
                           rte_strerror(-ENOMEM));

@@ -26,15 +26,6 @@ constexpr uint64_t kWireOverheadBytes = 24;  // preamble, gap and checksum of a 
 
 }  // namespace
 
-void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
-  OutputBatchMap map(1);
-  const TimePoint now = Clock::now();
-  for (int i = 0; i < batch->cnt(); ++i) {
-    ProcessPacket(ctx, batch->pkts()[i], false, map, now);
-  }
-  flush(ctx, map);
-}
-
 void Mfib::flush(Context* ctx, OutputBatchMap& map) {
   for (auto& [key, batch] : map) {
     RunChooseModule(ctx, key.gate, batch);

@@ -66,7 +66,9 @@ class EventCounts {
     }
   }
 
-  void count(int wid, Event event) const { bessCounterInc(wid, ids_[static_cast<size_t>(event)]); }
+  void count(int wid, Event event, uint64_t times = 1) const {
+    bessCounterAdd(wid, ids_[static_cast<size_t>(event)], times);
+  }
 
   uint32_t id(Event event) const { return ids_[static_cast<size_t>(event)]; }
   // The whole name of an event's counter.

@@ -15,6 +15,8 @@
 #include <rte_ip.h>
 #include <rte_udp.h>
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -115,8 +117,8 @@ inline Parsed parseIpv4(bess::Packet* packet, size_t ipOffset, PacketHeaders& he
   }
   headers.ipOffset = static_cast<uint32_t>(inUse);
   headers.ttl = reader.byte(inUse + offsetof(rte_ipv4_hdr, time_to_live));
-  headers.key = MfibKey::of(reader.at(inUse + offsetof(rte_ipv4_hdr, src_addr)),
-                            reader.at(inUse + offsetof(rte_ipv4_hdr, dst_addr)), kIpv4AddrLen);
+  headers.key = MfibKey::ofIpv4(reader.at(inUse + offsetof(rte_ipv4_hdr, src_addr)),
+                                reader.at(inUse + offsetof(rte_ipv4_hdr, dst_addr)));
   return Parsed::kOk;
 }
 
@@ -177,6 +179,33 @@ inline void writeIpv4Checksum(uint8_t* header) {
   sum += sum >> 16;
   const auto checksum = static_cast<uint16_t>(~sum);
   std::memcpy(header + kField, &checksum, sizeof(checksum));
+}
+
+// Takes one from the TTL, puts `tos` in place and writes the checksum. A header without options is
+// read and written in whole words: a byte store before a word's load would hold the load up.
+// Requires: the whole header.
+inline void rewriteIpv4Header(uint8_t* header, uint8_t tos) {
+  static_assert(std::endian::native == std::endian::little);
+  constexpr uint8_t kWithoutOptions = RTE_IPV4_VHL_DEF;
+  if (header[0] != kWithoutOptions) {
+    header[offsetof(rte_ipv4_hdr, type_of_service)] = tos;
+    header[offsetof(rte_ipv4_hdr, time_to_live)] -= 1;
+    writeIpv4Checksum(header);
+    return;
+  }
+  std::array<uint32_t, kIpv4MinLen / sizeof(uint32_t)> words;
+  std::memcpy(words.data(), header, kIpv4MinLen);
+  words[0] = (words[0] & ~(0xffU << 8)) | (uint32_t{tos} << 8);
+  const uint32_t ttl = (words[2] - 1) & 0xff;
+  words[2] = (words[2] & 0xff00U) | ttl;  // and no checksum
+  uint64_t sum = uint64_t{words[0]} + words[1] + words[2] + words[3] + words[4];
+  sum = (sum >> 32) + (sum & 0xffffffff);
+  sum = (sum >> 16) + (sum & 0xffff);
+  sum = (sum >> 16) + (sum & 0xffff);
+  sum += sum >> 16;
+  words[2] |= static_cast<uint32_t>(~sum & 0xffff) << 16;
+  std::memcpy(header, words.data(), sizeof(uint32_t));
+  std::memcpy(header + 2 * sizeof(uint32_t), &words[2], sizeof(uint32_t));
 }
 
 inline void decrementByte(uint8_t* at) {

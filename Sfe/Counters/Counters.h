@@ -48,14 +48,17 @@ inline std::atomic<uint64_t>* bessCounterRow(int wid) {
   return bessCounterDb[static_cast<unsigned>(wid)].load(std::memory_order_acquire);
 }
 
-// Adds 1. Nothing is counted without a row or for an id that is not a counter's.
+// Add `amount`, or 1. Nothing is counted without a row or for an id that is not a counter's.
 // Two threads that count into one row at once may lose counts; they harm nothing else.
-inline void bessCounterInc(int wid, uint32_t id) {
+inline void bessCounterAdd(int wid, uint32_t id, uint64_t amount) {
   std::atomic<uint64_t>* row = bessCounterRow(wid);
   if (row == nullptr || id >= kMaxCounters) {
     return;
   }
-  row[id].store(row[id].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  row[id].store(row[id].load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+}
+inline void bessCounterInc(int wid, uint32_t id) {
+  bessCounterAdd(wid, id, 1);
 }
 
 // Returns: the counter's value; 0 without a row or for an id that is not a counter's.

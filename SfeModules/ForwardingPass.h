@@ -1,0 +1,218 @@
+// One call of the packet path: the batches that leave, and what is counted on the way.
+//
+// Packets that travel together mostly share their interfaces and often their route. A pass looks
+// each of these up once, adds up what is counted for it, and hands the sums over when it ends.
+//
+// Threads    : one worker's, on its stack; from its construction to its end within one read side.
+// Ownership  : the batches are the running task's, the entries their tables'.
+// Cost       : outgoing() a few instructions for an interface that was met before in this pass.
+// Invariants :
+//   (1) a count reaches its entry before the pass has ended.
+//   (2) the map has every batch that outgoing packets were appended to.
+#pragma once
+
+#include <glog/logging.h>
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+
+#include "Bess/Context.h"
+#include "Bess/Task.h"
+#include "Nynet/IntfId.h"
+#include "Nynet/VlanIntfId.h"
+#include "SfeModules/CounterEntries.h"
+#include "SfeModules/MfibTypes.h"
+#include "SfeModules/NyUrcuHt.h"
+
+namespace SfeModules {
+
+class ForwardingPass {
+ public:
+  using IntfSet = NyRcuHt<uint64_t, bool>;
+  using IntfCounters = NyRcuHt<uint64_t, std::shared_ptr<IntfCounterEntry>>;
+
+  // An interface that packets come from.
+  struct Incoming {
+    uint64_t intf = 0;
+    bool multicast = false;  // enabled for multicast
+    IntfCounterEntry* counters = nullptr;
+    uint32_t packets = 0;
+    uint32_t bytes = 0;
+    uint32_t dropped = 0;
+  };
+
+  // An outgoing interface and the gate that leads to it.
+  struct Outgoing {
+    uint64_t intf;
+    uint16_t gate;
+    uint16_t vlanId;  // of the interface, 0 when it has none
+    uint32_t packets;
+    uint32_t bytes;
+    IntfCounterEntry* counters;
+    bess::PacketBatch* batch;
+
+    bool is(Nynet::IntfId id, uint16_t itsGate) const {
+      return intf == id.value() && gate == itsGate;
+    }
+  };
+
+  ForwardingPass(Context* ctx,
+                 TimePoint now,
+                 OutputBatchMap& map,
+                 const IntfSet& multicastIntfs,
+                 IntfCounters& intfCounters)
+      : ctx_(ctx),
+        now_(now),
+        map_(map),
+        multicastIntfs_(multicastIntfs),
+        intfCounters_(intfCounters) {}
+  ~ForwardingPass() {
+    settle(incoming_);
+    settle(route_);
+    for (size_t i = 0; i < opened_; ++i) {
+      settle(slots_[order_[i]]);
+    }
+    if (spareUsed_) {
+      settle(slots_[kSlots]);
+    }
+  }
+  ForwardingPass(const ForwardingPass&) = delete;
+  ForwardingPass& operator=(const ForwardingPass&) = delete;
+
+  Context* ctx() const { return ctx_; }
+  TimePoint now() const { return now_; }
+
+  // Returns: the interface's record, good until the next call.
+  Incoming& incoming(uint64_t intf) {
+    if (incoming_.counters == nullptr || incoming_.intf != intf) {
+      settle(incoming_);
+      incoming_ = {.intf = intf,
+                   .multicast = multicastIntfs_.contains(intf),
+                   .counters = &countingEntry(intfCounters_, intf)};
+    }
+    return incoming_;
+  }
+
+  // Counts a packet of a route.
+  void countRoute(MrouteCounterEntry& counters, uint32_t bytes) {
+    if (route_.counters != &counters) {
+      settle(route_);
+      route_ = {.counters = &counters};
+    }
+    route_.packets += 1;
+    route_.bytes += bytes;
+  }
+
+  // Returns: the record of (interface, gate), good until the next call.
+  Outgoing& outgoing(Nynet::IntfId oif, uint16_t gate) {
+    size_t slot = slotOf(oif, gate);
+    for (size_t probe = 0; probe < kProbes; ++probe) {
+      if (!used_[slot]) {
+        used_.set(slot);
+        order_[opened_++] = static_cast<uint8_t>(slot);
+        return open(slots_[slot], oif, gate);
+      }
+      if (slots_[slot].is(oif, gate)) [[likely]] {
+        return slots_[slot];
+      }
+      slot = (slot + 1) % kSlots;
+    }
+    return spare(oif, gate);
+  }
+
+  // Sends a packet with the others of this pass that leave the same way.
+  void append(Outgoing& out, bess::Packet* pkt) {
+    if (out.batch == nullptr) {
+      bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, out.gate}];
+      if (batch == nullptr) {
+        batch = ctx_->task->AllocPacketBatch();
+      }
+      out.batch = batch;
+    }
+    out.packets += 1;
+    out.bytes += pkt->totalLen();
+    CHECK(!out.batch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
+    out.batch->add(pkt);
+  }
+
+ private:
+  static constexpr size_t kSlots = 128;  // more ways out than that share the spare one
+  static constexpr size_t kProbes = 4;
+
+  struct Route {
+    MrouteCounterEntry* counters = nullptr;
+    uint32_t packets = 0;
+    uint32_t bytes = 0;
+  };
+
+  // Multiplicative hashing: the numbers of interfaces differ in few bits, anywhere.
+  static size_t slotOf(Nynet::IntfId oif, uint16_t gate) {
+    constexpr uint64_t kGoldenRatio = 0x9e3779b97f4a7c15;
+    return ((oif.value() + gate) * kGoldenRatio) >> 57;
+  }
+  static_assert(kSlots == size_t{1} << (64 - 57));
+
+  Outgoing& open(Outgoing& out, Nynet::IntfId oif, uint16_t gate) {
+    out = {.intf = oif.value(),
+           .gate = gate,
+           .vlanId = Nynet::VlanIntfId::vlanId(oif),
+           .packets = 0,
+           .bytes = 0,
+           .counters = &countingEntry(intfCounters_, oif.value()),
+           .batch = nullptr};
+    return out;
+  }
+
+  Outgoing& spare(Nynet::IntfId oif, uint16_t gate) {
+    Outgoing& out = slots_[kSlots];
+    if (spareUsed_) {
+      if (out.is(oif, gate)) {
+        return out;
+      }
+      settle(out);
+    }
+    spareUsed_ = true;
+    return open(out, oif, gate);
+  }
+
+  // An entry that was withdrawn since it was found counts again, like one that is found later.
+  static void settle(const Incoming& in) {
+    if (in.packets + in.dropped != 0) {
+      IntfCounterEntry& counters = revive(*in.counters);
+      counters.pktsIn += in.packets;
+      counters.bytesIn += in.bytes;
+      counters.pktsDropped += in.dropped;
+    }
+  }
+  static void settle(const Route& route) {
+    if (route.packets != 0) {
+      MrouteCounterEntry& counters = revive(*route.counters);
+      counters.pktsIn += route.packets;
+      counters.bytesIn += route.bytes;
+    }
+  }
+  static void settle(const Outgoing& out) {
+    if (out.packets != 0) {
+      IntfCounterEntry& counters = revive(*out.counters);
+      counters.pktsOut += out.packets;
+      counters.bytesOut += out.bytes;
+    }
+  }
+
+  Context* const ctx_;
+  const TimePoint now_;
+  OutputBatchMap& map_;
+  const IntfSet& multicastIntfs_;
+  IntfCounters& intfCounters_;
+
+  Incoming incoming_;
+  Route route_;
+  std::bitset<kSlots> used_;
+  size_t opened_ = 0;
+  std::array<uint8_t, kSlots> order_;  // the slots in use, as they were opened
+  bool spareUsed_ = false;
+  std::array<Outgoing, kSlots + 1> slots_;  // a slot is written before its bit is set
+};
+
+}  // namespace SfeModules

@@ -1,0 +1,145 @@
+// Many ways out, and batches whose packets share some of them: what is remembered from packet to
+// packet must not show.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "SfeModules/Testing/PacketFixture.h"
+
+namespace SfeModules {
+
+namespace {
+
+using frames::Flow;
+using frames::Ip;
+using frames::PacketCase;
+
+class MfibFanOut : public PacketFixture {
+ protected:
+  static std::string oif(unsigned number) { return "Ethernet" + std::to_string(100 + number); }
+
+  // `count` interfaces from the `first` on, spread over the gates 1 to 3.
+  static std::vector<Oif> oifs(unsigned first, unsigned count) {
+    std::vector<Oif> list;
+    for (unsigned i = first; i < first + count; ++i) {
+      list.push_back({oif(i), 1 + i % 3});
+    }
+    return list;
+  }
+
+  // A second route beside the row's, from another source.
+  void addSecond(PacketCase& row, unsigned first, unsigned count) const {
+    Route second = row.routes[0];
+    second.source = kSecondSource;
+    second.oifs = oifs(first, count);
+    row.routes.push_back(second);
+  }
+
+  bess::PacketPtr packet(const std::string& source, const std::string& intf) {
+    Ip ip = flow_.ip();
+    ip.source = source;
+    return arriving(flow_.in(ip), Arrival{.intf = intf});
+  }
+
+  static constexpr const char* kSecondSource = "10.0.0.77";
+  const Flow flow_{frames::kEthernetV4};
+};
+
+// More ways out than a pass remembers, over several bursts of copies.
+TEST_F(MfibFanOut, reachesEveryOneOf300Interfaces) {
+  constexpr unsigned kOifs = 300;
+  PacketCase row = flow_.row("wide", flow_.ip());
+  row.routes[0].oifs = oifs(0, kOifs);
+  prepare(row);
+  const size_t inUse = packetsInUse();
+  {
+    std::vector<bess::PacketPtr> batch;
+    for (int i = 0; i < 3; ++i) {
+      batch.push_back(arriving(row.input, row.arrival));
+    }
+    const bess::testing::Output out = receiveBatch(std::move(batch));
+    EXPECT_EQ(out.total(), 3 * kOifs);
+    EXPECT_EQ(out.count(1), 300U);
+    EXPECT_EQ(out.count(2), 300U);
+    EXPECT_EQ(out.count(3), 300U);
+  }
+  for (unsigned i = 0; i < kOifs; ++i) {
+    EXPECT_EQ(intfCounters(oif(i))->pktsOut, 3U) << i;
+    EXPECT_EQ(intfCounters(oif(i))->bytesOut, 3 * row.input.size()) << i;
+  }
+  EXPECT_EQ(packetsInUse(), inUse);
+}
+
+// A, B, B, A, unknown, A: each counts where it belongs.
+TEST_F(MfibFanOut, keepsTheRoutesOfABatchApart) {
+  PacketCase row = flow_.row("two", flow_.ip());
+  row.routes[0].oifs = oifs(0, 2);
+  addSecond(row, 1, 3);
+  prepare(row);
+  std::vector<bess::PacketPtr> batch;
+  for (const char* source : {flow_.source.c_str(), kSecondSource, kSecondSource,
+                             flow_.source.c_str(), "10.9.9.9", flow_.source.c_str()}) {
+    batch.push_back(packet(source, "Ethernet0"));
+  }
+  const bess::testing::Output out = receiveBatch(std::move(batch));
+  EXPECT_EQ(out.total(), 3U * 2 + 2U * 3);
+  EXPECT_EQ(routeCounters(flow_.source, flow_.group)->pktsIn, 3U);
+  EXPECT_EQ(routeCounters(kSecondSource, flow_.group)->pktsIn, 2U);
+  EXPECT_EQ(intfCounters(oif(0))->pktsOut, 3U);
+  EXPECT_EQ(intfCounters(oif(1))->pktsOut, 5U);
+  EXPECT_EQ(intfCounters(oif(2))->pktsOut, 2U);
+  EXPECT_EQ(intfCounters("Ethernet0")->pktsIn, 6U);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kHeld)), 1U);
+}
+
+// Interfaces take turns within a batch: one is enabled and right, one enabled and wrong, one is not
+// enabled.
+TEST_F(MfibFanOut, keepsTheInterfacesOfABatchApart) {
+  PacketCase row = flow_.row("turns", flow_.ip());
+  row.routes[0].oifs = oifs(0, 2);
+  prepare(row);
+  std::vector<bess::PacketPtr> batch;
+  for (int i = 0; i < 4; ++i) {
+    for (const char* intf : {"Ethernet0", "Ethernet2", "Ethernet9"}) {
+      batch.push_back(packet(flow_.source, intf));
+    }
+  }
+  const bess::testing::Output out = receiveBatch(std::move(batch));
+  EXPECT_EQ(out.total(), 8U);
+  for (const char* intf : {"Ethernet0", "Ethernet2", "Ethernet9"}) {
+    EXPECT_EQ(intfCounters(intf)->pktsIn, 4U) << intf;
+    EXPECT_EQ(intfCounters(intf)->bytesIn, 4 * row.input.size()) << intf;
+  }
+  EXPECT_EQ(intfCounters("Ethernet0")->pktsDropped, 0U);
+  EXPECT_EQ(intfCounters("Ethernet2")->pktsDropped, 4U);
+  EXPECT_EQ(intfCounters("Ethernet9")->pktsDropped, 4U);
+  EXPECT_EQ(routeCounters(flow_.source, flow_.group)->pktsIn, 8U);
+  EXPECT_EQ(routeCounters(flow_.source, flow_.group)->pktsDropped, 4U);
+}
+
+// The pool has some of the copies that a packet needs: those interfaces get theirs.
+TEST_F(MfibFanOut, sendsTheCopiesThatThePoolStillHas) {
+  PacketCase row = flow_.row("scarce", flow_.ip());
+  row.routes[0].oifs = oifs(0, 10);
+  prepare(row);
+  bess::PacketPtr arrived = arriving(row.input, row.arrival);
+  std::vector<bess::PacketPtr> hoard;
+  while (bess::Packet* taken = bess::PacketPool::defaultPool()->alloc()) {
+    hoard.emplace_back(taken);
+  }
+  hoard.resize(hoard.size() - 4);
+  bess::testing::Output out;
+  EXPECT_TRUE(process(std::move(arrived), false, out));
+  EXPECT_EQ(out.total(), 5U);
+  EXPECT_EQ(intfCounters(oif(0))->pktsOut, 1U);
+  EXPECT_EQ(intfCounters(oif(4))->pktsOut, 1U);
+  EXPECT_EQ(intfCounters(oif(5))->pktsOut, 0U);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopied)), 4U);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopyFailed)), 5U);
+}
+
+}  // namespace
+
+}  // namespace SfeModules
