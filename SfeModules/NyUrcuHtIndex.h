@@ -44,7 +44,7 @@ class NyRcuHtIndex {
     void* memory = mmap(nullptr, maxSets_ * sizeof(Set), PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) {
-      throw std::bad_alloc();
+      throw std::bad_alloc();  // data path: in the constructor
     }
     sets_ = static_cast<Set*>(memory);
     mask_.store(kFirstSets - 1, std::memory_order_relaxed);
