@@ -1,0 +1,88 @@
+#include "bench/FlowSource.h"
+
+#include <pthread.h>
+#include <rte_memcpy.h>
+
+#include <cstring>
+#include <utility>
+
+#include "Bess/ModuleBuilder.h"
+#include "Bess/PacketPool.h"
+#include "Bess/Worker.h"
+#include "SfeModules/ForwardingMetadata.h"
+
+namespace bench {
+
+namespace {
+
+constexpr size_t kBurst = bess::PacketBatch::kMaxBurst;
+
+}  // namespace
+
+void FlowSource::registerClass() {
+  static const ModuleRegistration<FlowSource> kRegistration(
+      {.name = kClass, .help = "sends the flows of a benchmark", .ogates = 1});
+}
+
+FlowSource::FlowSource() {
+  maxAllowedWorkers_ = MAX_WORKERS;
+  for (State& state : lanes_) {
+    RegisterTask(&state);
+  }
+}
+
+void FlowSource::prepare(unsigned lane, Lane what) {
+  State& state = lanes_[lane];
+  state.lane = std::move(what);
+  state.cursor = 0;
+  state.packets.store(0, std::memory_order_relaxed);
+}
+
+bool FlowSource::clockOf(unsigned lane, clockid_t* clock) const {
+  *clock = lanes_[lane].clock.load(std::memory_order_relaxed);
+  return lanes_[lane].hasClock.load(std::memory_order_acquire);
+}
+
+void FlowSource::fill(State& state, bess::PacketBatch* batch) {
+  const Lane& lane = state.lane;
+  const Frame& frame = lane.frame;
+  const auto bytes = static_cast<uint16_t>(frame.bytes.size());
+  for (bess::Packet* pkt : *batch) {
+    const Flow& flow = lane.flows[state.cursor];
+    state.cursor = state.cursor + 1 == lane.flows.size() ? 0 : state.cursor + 1;
+    char* data = static_cast<char*>(pkt->append(bytes));
+    rte_memcpy(data, frame.bytes.data(), bytes);
+    std::memcpy(data + frame.wordOffset, &flow.word, sizeof(flow.word));
+    if (frame.checksumOffset != 0) {
+      std::memcpy(data + frame.checksumOffset, &flow.checksum, sizeof(flow.checksum));
+    }
+    SfeModules::ForwardingMetadata& meta = SfeModules::metadataOf(pkt);
+    meta.presence = SfeModules::kHasInIntf;
+    meta.inIntf = lane.inIntf;
+  }
+}
+
+TaskResult FlowSource::RunTask(Context* ctx, bess::PacketBatch* batch, void* arg) {
+  State& state = *static_cast<State*>(arg);
+  if (!state.hasClock.load(std::memory_order_relaxed)) [[unlikely]] {
+    clockid_t clock = 0;
+    pthread_getcpuclockid(pthread_self(), &clock);
+    state.clock.store(clock, std::memory_order_relaxed);
+    state.hasClock.store(true, std::memory_order_release);
+  }
+  const uint64_t sent = state.packets.load(std::memory_order_relaxed);
+  if (sent >= state.lane.limit) {
+    return {.block = true, .packets = 0, .bits = 0};
+  }
+  if (!current_worker.packetPool()->allocBulk(batch->pkts(), kBurst)) {
+    poolDry_.fetch_add(1, std::memory_order_relaxed);
+    return {.block = true, .packets = 0, .bits = 0};
+  }
+  batch->setCnt(kBurst);
+  fill(state, batch);
+  RunNextModule(ctx, batch);
+  state.packets.store(sent + kBurst, std::memory_order_relaxed);
+  return {.block = false, .packets = kBurst, .bits = 0};
+}
+
+}  // namespace bench

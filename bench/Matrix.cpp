@@ -1,0 +1,154 @@
+#include "bench/Matrix.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <tuple>
+
+#include "Bess/PacketPool.h"
+#include "bench/CopyFloor.h"
+#include "bench/Rig.h"
+
+namespace bench {
+
+namespace {
+
+constexpr uint32_t kManyRoutes = 1000000;
+constexpr uint32_t kFewRoutes = 1000;
+
+struct Case {
+  Mode mode;
+  unsigned fanOut;
+  uint32_t routes;
+  unsigned bytes;
+
+  // Cases of one instance and its routes stand together.
+  auto instance() const { return std::tuple(mode, fanOut, routes); }
+  auto key() const { return std::tuple(mode, fanOut, routes, bytes); }
+};
+
+std::vector<Case> casesOf(const std::vector<Block>& blocks) {
+  std::vector<Case> cases;
+  for (const Block& block : blocks) {
+    for (const Mode mode : block.modes) {
+      for (const unsigned fanOut : block.fanOuts) {
+        for (const uint32_t routes : block.routes) {
+          for (const unsigned bytes : block.sizes) {
+            cases.push_back({mode, fanOut, routes, bytes});
+          }
+        }
+      }
+    }
+  }
+  const auto before = [](const Case& a, const Case& b) { return a.key() < b.key(); };
+  const auto same = [](const Case& a, const Case& b) { return a.key() == b.key(); };
+  std::sort(cases.begin(), cases.end(), before);
+  cases.erase(std::unique(cases.begin(), cases.end(), same), cases.end());
+  return cases;
+}
+
+// What one copy may cost, as a multiple of the copy alone; 0 where nothing is said.
+double ratioMark(unsigned bytes, unsigned fanOut) {
+  if (fanOut == 4) {
+    return bytes == 64 ? 2.5 : bytes == 1500 ? 1.5 : 0;
+  }
+  if (fanOut == 16) {
+    return bytes == 64 ? 2.0 : bytes == 1500 ? 1.3 : 0;
+  }
+  return 0;
+}
+
+constexpr double kMostNsOverTheGraph = 60;
+constexpr double kMostNsForManyRoutes = 60;
+
+Row rowOf(const Case& c, const Samples& forward, const Samples& graphFloor, const Samples& floor) {
+  const double perCopy = 1.0 / c.fanOut;
+  const double ratio = forward.median() / floor.median();
+  const double overGraph = forward.median() - graphFloor.median();
+  Row row;
+  row.name = std::string(modeName(c.mode)) + " " + std::to_string(c.bytes) + " B x " +
+             std::to_string(c.fanOut) + ", " + std::to_string(c.routes) +
+             (c.routes == 1 ? " route" : " routes");
+  row.unit = "ns/copy";
+  row.samples = forward.times(perCopy);
+  if (c.routes <= kFewRoutes && c.fanOut == 1) {
+    row.mark = atMost("ns over the graph without it", overGraph, kMostNsOverTheGraph);
+  } else if (const double most = ratioMark(c.bytes, c.fanOut); most > 0 && c.routes <= kFewRoutes) {
+    row.mark = atMost("x the copy", ratio, most);
+  }
+  row.numbers = {{"bytes", c.bytes},
+                 {"fan_out", c.fanOut},
+                 {"routes", c.routes},
+                 {"ns_per_packet", forward.median()},
+                 {"floor", floor.median() * perCopy},
+                 {"floor_min", floor.min() * perCopy},
+                 {"floor_max", floor.max() * perCopy},
+                 {"ratio", ratio},
+                 {"graph_floor", graphFloor.median()},
+                 {"over_graph", overGraph}};
+  row.words = {{"group", "forwarding"}, {"mode", modeName(c.mode)}};
+  return row;
+}
+
+Row measureCase(const Case& c, const Graph& graph, const Graph& without, const Options& options) {
+  const Frame frame = multicastFrame(c.mode, c.bytes);
+  const Lane lane = {
+      .frame = frame, .flows = shuffledFlows(frame, 1, c.routes), .inIntf = intfId(kInIntf)};
+  graph.source().prepare(0, lane);
+  without.source().prepare(0, lane);
+  Samples forward;
+  Samples graphFloor;
+  Samples floor;
+  graph.measure(options.seconds, c.fanOut);  // warm
+  for (unsigned run = 0; run < options.runs; ++run) {
+    forward.add(graph.measure(options.seconds, c.fanOut));
+    graphFloor.add(without.measure(options.seconds, 1));
+    floor.add(copyFloorNsPerPacket(*bess::PacketPool::defaultPool(),
+                                   static_cast<unsigned>(frame.bytes.size()), c.fanOut,
+                                   options.seconds));
+  }
+  return rowOf(c, forward, graphFloor, floor);
+}
+
+// A million routes are held against a thousand of the same kind.
+void markManyRoutes(std::vector<Row>& rows) {
+  for (Row& many : rows) {
+    if (many.number("routes") != kManyRoutes) {
+      continue;
+    }
+    for (const Row& few : rows) {
+      if (few.number("routes") == kFewRoutes && few.words == many.words &&
+          few.number("bytes") == many.number("bytes") &&
+          few.number("fan_out") == many.number("fan_out")) {
+        many.mark = atMost("ns/packet more than with 1000",
+                           many.number("ns_per_packet") - few.number("ns_per_packet"),
+                           kMostNsForManyRoutes);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::vector<Row> runMatrix(const Options& options) {
+  std::vector<Row> rows;
+  const Graph without("floor.");
+  std::unique_ptr<Graph> graph;
+  const Case* built = nullptr;
+  const std::vector<Case> cases = casesOf(options.blocks);
+  for (const Case& c : cases) {
+    if (built == nullptr || built->instance() != c.instance()) {
+      graph.reset();
+      graph = std::make_unique<Graph>("", c.mode);
+      addRoutes(*graph, {.first = 1, .count = c.routes, .fanOut = c.fanOut});
+      built = &c;
+    }
+    rows.push_back(measureCase(c, *graph, without, options));
+    std::fprintf(stderr, "%s: %.1f ns/copy\n", rows.back().name.c_str(),
+                 rows.back().samples.median());
+  }
+  markManyRoutes(rows);
+  return rows;
+}
+
+}  // namespace bench
