@@ -23,7 +23,7 @@ namespace bench {
 
 namespace {
 
-constexpr unsigned kPoolPackets = 65536;
+constexpr unsigned kPoolPackets = bess::PacketPool::kDefaultCount;
 constexpr unsigned kMemoryMb = 2048;
 constexpr double kPatience = 120;
 constexpr uint32_t kRoutesBetweenQuiescentStates = 1024;
