@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <rte_memcpy.h>
 
+#include <array>
 #include <cstring>
 #include <utility>
 
@@ -16,6 +17,9 @@ namespace bench {
 namespace {
 
 constexpr size_t kBurst = bess::PacketBatch::kMaxBurst;
+
+// By worker, 0 until it is known: a thread's clock is never that one.
+std::array<std::atomic<clockid_t>, MAX_WORKERS> workerClocks;
 
 }  // namespace
 
@@ -38,9 +42,9 @@ void FlowSource::prepare(unsigned lane, Lane what) {
   state.packets.store(0, std::memory_order_relaxed);
 }
 
-bool FlowSource::clockOf(unsigned lane, clockid_t* clock) const {
-  *clock = lanes_[lane].clock.load(std::memory_order_relaxed);
-  return lanes_[lane].hasClock.load(std::memory_order_acquire);
+bool FlowSource::clockOf(int wid, clockid_t* clock) {
+  *clock = workerClocks.at(static_cast<size_t>(wid)).load(std::memory_order_relaxed);
+  return *clock != 0;
 }
 
 void FlowSource::fill(State& state, bess::PacketBatch* batch) {
@@ -64,11 +68,11 @@ void FlowSource::fill(State& state, bess::PacketBatch* batch) {
 
 TaskResult FlowSource::RunTask(Context* ctx, bess::PacketBatch* batch, void* arg) {
   State& state = *static_cast<State*>(arg);
-  if (!state.hasClock.load(std::memory_order_relaxed)) [[unlikely]] {
+  if (!state.toldClock && ctx->wid >= 0 && ctx->wid < MAX_WORKERS) [[unlikely]] {
     clockid_t clock = 0;
     pthread_getcpuclockid(pthread_self(), &clock);
-    state.clock.store(clock, std::memory_order_relaxed);
-    state.hasClock.store(true, std::memory_order_release);
+    workerClocks[static_cast<size_t>(ctx->wid)].store(clock, std::memory_order_relaxed);
+    state.toldClock = true;
   }
   const uint64_t sent = state.packets.load(std::memory_order_relaxed);
   if (sent >= state.lane.limit) {

@@ -47,16 +47,15 @@ class FlowSource final : public Module {
   size_t flows(unsigned lane) const { return lanes_[lane].lane.flows.size(); }
   uint64_t poolDry() const { return poolDry_.load(std::memory_order_relaxed); }
 
-  // The processor time of the thread that ran the lane last. Returns: false before its first run.
-  bool clockOf(unsigned lane, clockid_t* clock) const;
+  // The processor time of a worker's thread. Returns: false before a lane has run on it.
+  static bool clockOf(int wid, clockid_t* clock);
 
  private:
   struct alignas(64) State {
     Lane lane;
     size_t cursor = 0;
     std::atomic<uint64_t> packets{0};
-    std::atomic<clockid_t> clock{0};
-    std::atomic<bool> hasClock{false};
+    bool toldClock = false;
   };
 
   static void fill(State& state, bess::PacketBatch* batch);

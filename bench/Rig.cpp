@@ -112,6 +112,15 @@ bool await(const std::function<bool()>& condition, double seconds) {
   return true;
 }
 
+double workerNs(int wid) {
+  clockid_t clock = 0;
+  timespec time = {};
+  if (!FlowSource::clockOf(wid, &clock) || clock_gettime(clock, &time) != 0) {
+    throw std::runtime_error("worker " + std::to_string(wid) + " has no clock");
+  }
+  return static_cast<double>(time.tv_sec) * kNsPerSecond + static_cast<double>(time.tv_nsec);
+}
+
 Rig::Rig(unsigned hugeMb, unsigned workers) {
   isolate();
   FLAGS_minloglevel = google::GLOG_WARNING;
@@ -201,15 +210,6 @@ void Graph::detach(unsigned lane) const {
   ok(ModuleGraph::detachTask(sourceName_, lane));
 }
 
-double Graph::clockNs(unsigned lane) const {
-  clockid_t clock = 0;
-  timespec time = {};
-  if (!source_->clockOf(lane, &clock) || clock_gettime(clock, &time) != 0) {
-    throw std::runtime_error("the worker of " + sourceName_ + " has no clock");
-  }
-  return static_cast<double>(time.tv_sec) * kNsPerSecond + static_cast<double>(time.tv_nsec);
-}
-
 // Every flow has its counter entry once it was sent.
 void Graph::warm(unsigned lane) const {
   constexpr double kSettle = 0.002;
@@ -224,7 +224,7 @@ double Graph::nsPerPacket(double seconds, unsigned lanes, double* rate) const {
   double clocks[FlowSource::kLanes] = {};
   uint64_t packets[FlowSource::kLanes] = {};
   for (unsigned lane = 0; lane < lanes; ++lane) {
-    clocks[lane] = clockNs(lane);
+    clocks[lane] = workerNs(static_cast<int>(lane));
     packets[lane] = source_->packets(lane);
   }
   sleepFor(seconds);
@@ -233,7 +233,8 @@ double Graph::nsPerPacket(double seconds, unsigned lanes, double* rate) const {
       [&] {
         bool all = true;
         for (unsigned lane = 0; lane < lanes; ++lane) {
-          all = all && source_->packets(lane) > packets[lane] && clockNs(lane) > clocks[lane];
+          all = all && source_->packets(lane) > packets[lane] &&
+                workerNs(static_cast<int>(lane)) > clocks[lane];
         }
         return all;
       },
@@ -244,7 +245,7 @@ double Graph::nsPerPacket(double seconds, unsigned lanes, double* rate) const {
   double each = 0;
   *rate = 0;
   for (unsigned lane = 0; lane < lanes; ++lane) {
-    const double ns = clockNs(lane) - clocks[lane];
+    const double ns = workerNs(static_cast<int>(lane)) - clocks[lane];
     const auto sent = static_cast<double>(source_->packets(lane) - packets[lane]);
     each = ns / sent;
     *rate += sent * kNsPerSecond / ns;

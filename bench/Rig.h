@@ -39,6 +39,9 @@ void sleepFor(double seconds);
 // Returns: whether the condition came true in time; asks every 20 microseconds.
 bool await(const std::function<bool()>& condition, double seconds);
 
+// Nanoseconds of processor time that a worker has had, once a source has run on it.
+double workerNs(int wid);
+
 class Rig {
  public:
   // Starts workers 0 .. workers - 1, each on a core of its own where there are enough.
@@ -79,7 +82,6 @@ class Graph {
   double measure(double seconds, uint64_t copies) const;
   // Packets per second of both lanes together, on a worker each.
   double measureBoth(double seconds) const;
-  double clockNs(unsigned lane) const;
 
  private:
   void make(const std::string& prefix);

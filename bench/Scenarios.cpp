@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "Bess/PortRegistry.h"
 #include "bench/Rig.h"
+#include "protocol/modules.pb.h"
 
 namespace bench {
 
@@ -128,10 +130,10 @@ class Reinjection {
     hold();
     const uint64_t goal = graph_.sinkPackets() + held();
     addRoutes(graph_, {.first = 1, .count = keys_, .fanOut = 1});
-    const double start = graph_.clockNs(0);
+    const double start = workerNs(0);
     graph_.attachModule(graph_.mfibName(), task_, 0);
     const bool all = await([&] { return graph_.sinkPackets() >= goal; }, kPatience);
-    const double end = graph_.clockNs(0);
+    const double end = workerNs(0);
     if (!all) {
       throw std::runtime_error("held packets are not re-injected");
     }
@@ -179,6 +181,68 @@ Row reinjection(Mode mode, const Options& options) {
   return scenarioRow(named(mode, "re-injection x 1"), "ns/packet", samples);
 }
 
+// The framework alone between two ports of the kind that DPDK's own application is measured with.
+class NullPorts {
+ public:
+  NullPorts() {
+    bess::pb::PortIncArg in;
+    bess::pb::PortOutArg out;
+    for (const char* name : {"null0", "null1"}) {
+      bess::PortConfig config;
+      config.name = name;
+      config.devargs = std::string("net_") + name;
+      bess::PortRegistry::global().create(config);
+    }
+    in.set_port("null0");
+    out.set_port("null1");
+    if (ModuleGraph::createModule("PortInc", kIn, packed(in)).has_error() ||
+        ModuleGraph::createModule("PortOut", kOut, packed(out)).has_error() ||
+        ModuleGraph::connect(kIn, 0, kOut, 0).has_error()) {
+      throw std::runtime_error("no graph between ports");
+    }
+  }
+  ~NullPorts() {
+    ModuleGraph::destroyModule(kIn);
+    ModuleGraph::destroyModule(kOut);
+    bess::PortRegistry::global().closeAll();
+  }
+  NullPorts(const NullPorts&) = delete;
+  NullPorts& operator=(const NullPorts&) = delete;
+
+  double nsPerPacket(double seconds) const {
+    const double before = packets();
+    const double start = workerNs(0);
+    if (ModuleGraph::attachTask(kIn, 0, 0, 0).has_error()) {
+      throw std::runtime_error("the port's task cannot be attached");
+    }
+    sleepFor(seconds);
+    if (ModuleGraph::detachTask(kIn, 0).has_error()) {
+      throw std::runtime_error("the port's task cannot be detached");
+    }
+    return (workerNs(0) - start) / (packets() - before);
+  }
+
+ private:
+  static constexpr const char* kIn = "null.in";
+  static constexpr const char* kOut = "null.out";
+
+  double packets() const {
+    bess::pb::ModuleCounters counters;
+    run(kOut, "showCounters", bess::pb::EmptyModuleArg()).data().UnpackTo(&counters);
+    return static_cast<double>(counters.packets());
+  }
+};
+
+Row portToPort(const Options& options) {
+  const NullPorts ports;
+  Samples samples;
+  ports.nsPerPacket(options.seconds);  // warm
+  for (unsigned i = 0; i < options.runs; ++i) {
+    samples.add(ports.nsPerPacket(options.seconds));
+  }
+  return scenarioRow("PortInc -> PortOut, net_null", "ns/packet", samples);
+}
+
 }  // namespace
 
 std::vector<Row> runScenarios(const Options& options) {
@@ -192,6 +256,7 @@ std::vector<Row> runScenarios(const Options& options) {
     rows.push_back(registerMessages(mode, options));
     rows.push_back(reinjection(mode, options));
   }
+  rows.push_back(portToPort(options));
   return rows;
 }
 
