@@ -19,7 +19,7 @@ struct Block {
 
 struct Options {
   unsigned runs = 5;
-  double seconds = 0.1;  // of one measurement
+  double seconds = 0.05;  // of one measurement
   std::string json;
   unsigned hugeMb = 0;  // memory in huge pages; 0: ordinary pages
   bool matrix = true;

@@ -30,10 +30,18 @@ def program(path, *arguments):
         return json.loads(file.read_text())
 
 
-def forwarding(options):
+def in_memory(part, options):
     extent = ["--short"] if options.short else ["--full"] if options.full else []
     huge = ["--huge", options.huge] if options.huge else []
-    return program(BIN / "forwarding_bench", *extent, *huge)
+    return program(BIN / "forwarding_bench", *extent, *huge, "--only", part)
+
+
+def forwarding(options):
+    return in_memory("matrix", options)
+
+
+def scenarios(options):
+    return in_memory("scenarios", options)
 
 
 def engine(options):
@@ -71,4 +79,5 @@ def units(options):
     return []
 
 
-PARTS = {"forwarding": forwarding, "engine": engine, "control": control, "kernel": kernel_routing, "units": units}
+PARTS = {"forwarding": forwarding, "scenarios": scenarios, "engine": engine, "control": control,
+         "kernel": kernel_routing, "units": units}

@@ -8,7 +8,7 @@ from . import page, plots
 from .machine import describe
 from .marks import judged
 
-ORDER = ["forwarding", "engine", "control", "kernel", "units"]
+ORDER = ["forwarding", "scenarios", "engine", "control", "kernel", "units"]
 PAGE = ROOT / "docs" / "explanation" / "benchmarks.md"
 PICTURES = ROOT / "docs" / "pictures"
 

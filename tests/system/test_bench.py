@@ -13,7 +13,7 @@ FIELDS = {"name": str, "unit": str, "median": (int, float), "min": (int, float),
 @pytest.fixture(scope="module")
 def results(tmp_path_factory):
     output = tmp_path_factory.mktemp("bench")
-    ended = subprocess.run([str(ROOT / "bench" / "run"), "--short", "--only", "forwarding,engine,kernel",
+    ended = subprocess.run([str(ROOT / "bench" / "run"), "--short", "--only", "forwarding,scenarios,engine,kernel",
                             "--output", str(output)], capture_output=True, text=True, timeout=120)
     assert ended.returncode == 0, ended.stderr[-4000:] + ended.stdout[-1000:]
     return output
@@ -25,7 +25,7 @@ def rows(results):
 
 
 def test_each_part_has_rows_of_one_form(rows):
-    assert set(rows) == {"forwarding", "engine", "kernel"}
+    assert set(rows) == {"forwarding", "scenarios", "engine", "kernel"}
     names = [row["name"] for found in rows.values() for row in found]
     assert len(names) == len(set(names))
     for found in rows.values():
@@ -37,7 +37,7 @@ def test_each_part_has_rows_of_one_form(rows):
 
 
 def test_forwarding_is_measured_against_its_floors(rows):
-    forwarding = [row for row in rows["forwarding"] if row.get("group") == "forwarding"]
+    forwarding = rows["forwarding"]
     cases = {(row["mode"], row["bytes"], row["fan_out"], row["routes"]) for row in forwarding}
     assert cases == {(mode, 64, fan_out, routes) for mode in ("ipv4", "ipv4-bare", "ipv6")
                      for fan_out in (1, 4) for routes in (1, 100)}
