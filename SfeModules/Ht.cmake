@@ -4,10 +4,10 @@ if(SFE_SANITIZE MATCHES thread)
   target_sources(sfe_tsan INTERFACE ${PROJECT_SOURCE_DIR}/SfeModules/TsanSuppressions.cpp)
 endif()
 
-# The RCU hash table and its node memory: headers only.
+# The RCU hash table and its node memory: headers only, but for the counts of callbacks.
 add_library(sfe_ht INTERFACE)
 target_include_directories(sfe_ht INTERFACE ${PROJECT_SOURCE_DIR})
-target_link_libraries(sfe_ht INTERFACE sfe_tsan PkgConfig::DPDK PkgConfig::URCU)
+target_link_libraries(sfe_ht INTERFACE sfe_tsan orp PkgConfig::DPDK PkgConfig::URCU)
 
 sfe_test(CrcHashTest SOURCES CrcHashTest.cpp DEPS sfe_ht)
 sfe_test(RteAllocatorTest SOURCES RteAllocatorTest.cpp DEPS sfe_ht EAL)

@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "Base/RcuAnnotate.h"
+#include "Base/RcuCallbacks.h"
 #include "SfeModules/Assert.h"
 #include "SfeModules/CrcHash.h"
 #include "SfeModules/NyUrcuHtIndex.h"
@@ -429,12 +430,19 @@ class NyRcuHt {
     unindex(node);
     SFE_RCU_RETIRE(&node->htNode);
     if (deferredFree_) {
-      urcu_qsbr_call_rcu(&node->rcuHead, &freeNodeAsync);
+      RcuCallbacks::queued();
+      urcu_qsbr_call_rcu(&node->rcuHead, &freeRetired);
       return;
     }
     SFE_RCU_QUIESCENT();
     urcu_qsbr_synchronize_rcu();
     freeNode(node);
+  }
+
+  // What retire() queued, which is counted; a callback of somebody else's call_rcu is not.
+  static void freeRetired(rcu_head* head) {
+    freeNodeAsync(head);
+    RcuCallbacks::ran();
   }
 
   // Requires: unlinked, and no reader is left on it.

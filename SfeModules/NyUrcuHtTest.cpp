@@ -167,6 +167,28 @@ TEST(NyUrcuHt, keepsAReplacedValueForAReaderThatFoundIt) {
   expectKeptForReader([](Shared& table) { EXPECT_FALSE(table.insert(1, nullptr)); });
 }
 
+TEST(NyUrcuHt, countsRetiredNodesUntilTheyAreFreed) {
+  Numbers table(128, true);
+  Numbers atOnce(128, false);
+  for (Numbers* each : {&table, &atOnce}) {
+    each->insert(1, 10);
+    each->insert(2, 20);
+  }
+  drain();
+  const RcuCallbacks::Counts before = RcuCallbacks::counts();
+  EXPECT_EQ(0U, before.waiting());
+  EXPECT_TRUE(table.erase(1));
+  EXPECT_FALSE(table.insert(2, 21));
+  EXPECT_FALSE(table.erase(1));
+  // This thread is a reader that may still look at both.
+  EXPECT_EQ(2U, RcuCallbacks::counts().waiting());
+  drain();
+  EXPECT_EQ(0U, RcuCallbacks::counts().waiting());
+  EXPECT_TRUE(atOnce.erase(1));
+  EXPECT_EQ(before.queued + 2, RcuCallbacks::counts().queued);
+  EXPECT_EQ(before.run + 2, RcuCallbacks::counts().run);
+}
+
 TEST(NyUrcuHt, keepsAValueThatWasCopiedOut) {
   std::atomic<int> destroyed{0};
   Shared table;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Base/RcuCallbacks.h"
 #include "Bess/BatchSizes.h"
 #include "Bess/Eal.h"
 #include "Bess/Module.h"
@@ -40,6 +41,17 @@ void addDaemon(MetricFamilies* families) {
       1);
   families->gauge({"bessd_workers_paused", "1 while the workers stand still for a change"}, {},
                   workersPaused() ? 1 : 0);
+}
+
+// Memory that tables have given up and that some reader may still look at.
+void addRcu(MetricFamilies* families) {
+  const RcuCallbacks::Counts counts = RcuCallbacks::counts();
+  families->counter({"bessd_rcu_callbacks_queued_total", "Frees put off until readers are past"},
+                    {}, number(counts.queued));
+  families->counter({"bessd_rcu_callbacks_run_total", "Frees put off that are done"}, {},
+                    number(counts.run));
+  families->gauge({"bessd_rcu_callbacks_waiting", "Frees put off that wait for readers"}, {},
+                  number(counts.waiting()));
 }
 
 void addBatches(int wid, const Labels& labels, MetricFamilies* families) {
@@ -178,6 +190,7 @@ void addProcess(MetricFamilies* families) {
 
 void addFrameworkMetrics(const EventCounters& counters, MetricFamilies* families) {
   addDaemon(families);
+  addRcu(families);
   addWorkers(families);
   addPools(families);
   for (const bess::Port* port : bess::PortRegistry::global().ports()) {

@@ -3,13 +3,17 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <prometheus/text_serializer.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <urcu-qsbr.h>
 
 #include <future>
 #include <thread>
 
+#include "Base/RcuCallbacks.h"
 #include "Bess/ControlThread.h"
+#include "bessd/FrameworkMetrics.h"
 #include "bessd/MetricFamilies.h"
 #include "bessd/MetricsServer.h"
 #include "bessd/StateMetrics.h"
@@ -59,6 +63,50 @@ TEST(PrintableUtf8, keepsTextAndMarksTheRest) {
   EXPECT_EQ(printableUtf8("a \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"),
             "a \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80");
   EXPECT_EQ(printableUtf8("\xff \xc3 \xc0\x80 \xed\xa0\x80 \n\x7f"), "? ? ?? ??? ??");
+}
+
+struct Retired {
+  rcu_head head{};
+};
+
+void retire(Retired* retired) {
+  RcuCallbacks::queued();
+  urcu_qsbr_call_rcu(&retired->head, [](rcu_head* head) {
+    delete caa_container_of(head, Retired, head);
+    RcuCallbacks::ran();
+  });
+}
+
+std::string frameworkText() {
+  MetricFamilies families;
+  addFrameworkMetrics(EventCounters(), &families);
+  return textOf(families);
+}
+
+// RCU's thread stays for the other tests: signals are for their threads.
+void startReclaimer() {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &before);
+  urcu_qsbr_get_default_call_rcu_data();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(FrameworkMetrics, showFreesThatWaitForAReader) {
+  startReclaimer();
+  urcu_qsbr_register_thread();  // the reader: it may still look at what is retired
+  retire(new Retired);
+  retire(new Retired);
+  const std::string waiting = frameworkText();
+  EXPECT_NE(waiting.find("\nbessd_rcu_callbacks_waiting 2\n"), std::string::npos) << waiting;
+  EXPECT_NE(waiting.find("\nbessd_rcu_callbacks_queued_total 2\n"), std::string::npos) << waiting;
+  EXPECT_NE(waiting.find("\nbessd_rcu_callbacks_run_total 0\n"), std::string::npos) << waiting;
+  urcu_qsbr_barrier();
+  const std::string done = frameworkText();
+  EXPECT_NE(done.find("\nbessd_rcu_callbacks_waiting 0\n"), std::string::npos) << done;
+  EXPECT_NE(done.find("\nbessd_rcu_callbacks_run_total 2\n"), std::string::npos) << done;
+  urcu_qsbr_unregister_thread();
 }
 
 constexpr const char* kHeader = "type\tname\thelp\tlabels\tvalue\n";

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "Base/RcuAnnotate.h"
+#include "Base/RcuCallbacks.h"
 #include "Bess/Module.h"
 #include "Bess/ModuleBuilder.h"
 
@@ -22,10 +23,12 @@ class Sample final : public Module {
   void DeInit() override {
     auto* garbage = new Garbage;
     SFE_RCU_RETIRE(garbage);
+    RcuCallbacks::queued();
     urcu_qsbr_call_rcu(&garbage->head, [](rcu_head* head) {
       auto* retired = caa_container_of(head, Garbage, head);
       SFE_RCU_RECLAIM(retired);
       delete retired;
+      RcuCallbacks::ran();
       bessSampleCallbacks.fetch_add(1);
     });
   }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Base/RcuAnnotate.h"
+#include "Base/RcuCallbacks.h"
 #include "Sfe/Multicast/CounterStoreInside.h"
 #include "Sfe/Multicast/Crc32c.h"
 
@@ -318,11 +319,13 @@ bool CounterStore::eraseNode(Node* node) {
   SFE_RCU_RETIRE(node);
   owners_[slot].store(0, std::memory_order_release);
   free_.give(slot);
+  RcuCallbacks::queued();
   urcu_qsbr_call_rcu(&node->reclaim, [](rcu_head* head) {
     Node* old =
         reinterpret_cast<Node*>(reinterpret_cast<std::byte*>(head) - offsetof(Node, reclaim));
     SFE_RCU_RECLAIM(old);
     delete old;
+    RcuCallbacks::ran();
   });
   return true;
 }

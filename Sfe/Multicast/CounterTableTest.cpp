@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "Base/Bindle/Exceptions.h"
+#include "Base/RcuCallbacks.h"
 #include "Sfe/Multicast/CounterTableReader.h"
 #include "Sfe/Multicast/MountPath.h"
 #include "Sfe/Multicast/TableTesting.h"
@@ -136,6 +137,22 @@ TEST_F(CounterTableTest, forgetsDeletedRecords) {
   table->intfDelAll();
   EXPECT_EQ(table->size(), 0u);
   EXPECT_TRUE(IntfCounterReader(systemName_, table->path()).snapshot().empty());
+}
+
+TEST_F(CounterTableTest, countsDeletedRecordsUntilTheyAreFreed) {
+  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
+  table->intfIs(uniformRecord(intfId(1), 5));
+  table->intfIs(uniformRecord(intfId(2), 6));
+  urcu_qsbr_barrier();
+  const RcuCallbacks::Counts before = RcuCallbacks::counts();
+  table->intfDel(intfId(1));
+  table->intfDel(intfId(99));
+  EXPECT_EQ(RcuCallbacks::counts().queued, before.queued + 1);
+  EXPECT_EQ(RcuCallbacks::counts().waiting(), 1u);  // this thread may still look
+  SFE_RCU_QUIESCENT();
+  urcu_qsbr_barrier();
+  EXPECT_EQ(RcuCallbacks::counts().run, before.run + 1);
+  EXPECT_EQ(RcuCallbacks::counts().waiting(), 0u);
 }
 
 TEST_F(CounterTableTest, dropsAndCountsTheRecordThatDoesNotFit) {

@@ -105,6 +105,20 @@ def test_values_equal_what_the_client_shows(scope, router):
     assert now.value("bessd_workers_paused") == 0
 
 
+def test_what_a_removed_route_leaves_is_freed(scope, router):
+    before = scrape(router).value("bessd_rcu_callbacks_queued_total")
+    flow = scope.flow(4)
+    scope.add_route(flow)
+    scope.daemon.sfectl("mroute", "del", flow.source, flow.group)
+
+    def freed():
+        now = scrape(router)
+        queued = now.value("bessd_rcu_callbacks_queued_total")
+        return queued > before and now.value("bessd_rcu_callbacks_run_total") >= queued \
+            and now.value("bessd_rcu_callbacks_waiting") == 0
+    assert wait_until(freed, 10), scrape(router).text
+
+
 def test_a_slow_scraper_holds_nobody_up(scope, router):
     flow = scope.flow(4)
     scope.add_route(flow)
