@@ -40,6 +40,8 @@ endif()
 
 # Every program of sfe_test labelled unit: what a sanitizer build builds.
 add_custom_target(unit_tests)
+# Where each test program leaves its own report, for tools/summary.
+set(SFE_TEST_REPORTS ${CMAKE_BINARY_DIR}/reports)
 # How a test program is started: ThreadSanitizer needs memory where it expects it, without address randomisation.
 set(SFE_TEST_LAUNCHER "")
 if(SFE_SANITIZE MATCHES thread)
@@ -119,7 +121,8 @@ function(sfe_test name)
   if("unit" IN_LIST ARG_LABELS)
     add_dependencies(unit_tests ${name})
   endif()
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}"
+                       ENVIRONMENT "GTEST_OUTPUT=xml:${SFE_TEST_REPORTS}/${name}.xml")
 endfunction()
 
 # sfe_benchmark(NAME SOURCES ... DEPS ...)
