@@ -162,6 +162,17 @@ class Certificates {
     signedBy("ca", "admin", "/CN=admin", "DNS:admin.example");
     signedBy("ca", "watcher", "/CN=someone", "DNS:watcher.example");
     signedBy("other", "stranger", "/CN=admin", "DNS:admin.example");
+    signedBy("other", "next", "/CN=server", "IP:127.0.0.1");
+  }
+
+  // Puts another certificate, its key and the authority of its clients in the place of those.
+  void replace(const std::string& name, const std::string& by, const std::string& ca) const {
+    for (const auto& [from, to] : {std::pair(cert(by), cert(name)), std::pair(key(by), key(name)),
+                                   std::pair(cert(ca), cert(name + "-clients"))}) {
+      std::filesystem::copy_file(from, to + ".new",
+                                 std::filesystem::copy_options::overwrite_existing);
+      std::filesystem::rename(to + ".new", to);
+    }
   }
 
   std::string cert(const std::string& name) const { return directory_.file(name + ".pem"); }
@@ -217,14 +228,19 @@ class ControlTlsTest : public ControlAccessTest {
   }
 
   // Over TCP, with a certificate; none when the name is empty.
-  std::shared_ptr<grpc::Channel> as(const std::string& name) const {
+  std::shared_ptr<grpc::Channel> as(const std::string& name, const std::string& ca = "ca") const {
+    return asOn(*tlsServer_, name, ca);
+  }
+  std::shared_ptr<grpc::Channel> asOn(const ControlServer& server,
+                                      const std::string& name,
+                                      const std::string& ca) const {
     grpc::SslCredentialsOptions options;
-    options.pem_root_certs = read(certificates_.cert("ca"));
+    options.pem_root_certs = read(certificates_.cert(ca));
     if (!name.empty()) {
       options.pem_private_key = read(certificates_.key(name));
       options.pem_cert_chain = read(certificates_.cert(name));
     }
-    return grpc::CreateChannel("127.0.0.1:" + std::to_string(tlsServer_->tcpPort()),
+    return grpc::CreateChannel("127.0.0.1:" + std::to_string(server.tcpPort()),
                                grpc::SslCredentials(options));
   }
 
@@ -255,6 +271,32 @@ TEST_F(ControlTlsTest, letsTheNamedCertificatesOnlyRead) {
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("refused PauseAll to ipv4:127.0.0.1:"), std::string::npos) << log;
   EXPECT_NE(log.find("watcher.example someone"), std::string::npos) << log;
+}
+
+TEST_F(ControlTlsTest, takesReplacedFilesForNewConnectionsAndKeepsTheOldOnes) {
+  certificates_.replace("changing", "server", "ca");
+  ControlServerOptions options = tlsOptions();
+  options.socket = directory_.file("changing.sock");
+  options.tls = {.cert = certificates_.cert("changing"),
+                 .key = certificates_.key("changing"),
+                 .ca = certificates_.cert("changing-clients"),
+                 .refreshSeconds = 1};
+  const ControlServer server(tlsService_.get(), options);
+  const auto before = asOn(server, "admin", "ca");
+  ASSERT_EQ(codeOf(before, "GetVersion"), grpc::StatusCode::OK);
+  ASSERT_EQ(codeOf(asOn(server, "stranger", "other"), "GetVersion"), grpc::StatusCode::UNAVAILABLE);
+
+  certificates_.replace("changing", "next", "other");
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  grpc::StatusCode after = grpc::StatusCode::UNAVAILABLE;
+  while (after != grpc::StatusCode::OK && std::chrono::steady_clock::now() < deadline) {
+    ASSERT_EQ(codeOf(before, "GetVersion"), grpc::StatusCode::OK);
+    after = codeOf(asOn(server, "stranger", "other"), "GetVersion");
+  }
+  EXPECT_EQ(after, grpc::StatusCode::OK);
+  EXPECT_EQ(codeOf(before, "GetVersion"), grpc::StatusCode::OK);
+  EXPECT_EQ(before->GetState(false), GRPC_CHANNEL_READY);
+  EXPECT_EQ(codeOf(asOn(server, "admin", "ca"), "GetVersion"), grpc::StatusCode::UNAVAILABLE);
 }
 
 TEST_F(ControlTlsTest, saysWhichFileIsWrong) {

@@ -1,5 +1,7 @@
 #include "Bess/ControlTls.h"
 
+#include <grpcpp/security/tls_certificate_provider.h>
+#include <grpcpp/security/tls_credentials_options.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/stat.h>
@@ -8,21 +10,19 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <memory>
 
 #include "Bess/ControlSocket.h"
 
 namespace bess {
 namespace {
 
-std::string readFile(const std::string& path) {
+void requireReadable(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) {
+  if (!in || in.peek() == std::ifstream::traits_type::eof()) {
     throw ControlSocketError("cannot read " + path + ": " +
                              std::strerror(errno != 0 ? errno : EIO));
   }
-  return text.str();
 }
 
 [[noreturn]] void refuse(const std::string& what) {
@@ -72,16 +72,18 @@ std::shared_ptr<grpc::ServerCredentials> tlsCredentials(const TlsFiles& files) {
   if (!files.complete()) {
     throw ControlSocketError("TLS needs a certificate, its key and the clients' authority");
   }
-  const std::string cert = readFile(files.cert);
-  const std::string key = readFile(files.key);
-  const std::string ca = readFile(files.ca);
+  for (const std::string* path : {&files.cert, &files.key, &files.ca}) {
+    requireReadable(*path);
+  }
   requirePrivate(files.key);
   checkFiles(files);
-  grpc::SslServerCredentialsOptions options(
-      GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-  options.pem_root_certs = ca;
-  options.pem_key_cert_pairs.push_back({.private_key = key, .cert_chain = cert});
-  return grpc::SslServerCredentials(options);
+  namespace tls = grpc::experimental;
+  tls::TlsServerCredentialsOptions options(std::make_shared<tls::FileWatcherCertificateProvider>(
+      files.key, files.cert, files.ca, files.refreshSeconds));
+  options.watch_root_certs();
+  options.watch_identity_key_cert_pairs();
+  options.set_cert_request_type(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+  return tls::TlsServerCredentials(options);
 }
 
 }  // namespace bess
