@@ -78,10 +78,10 @@ class ControlAccessTest : public ControlTest {
 
 TEST_F(ControlAccessTest, refusesEveryCallThatIsNoReadOnTheReadSocket) {
   const std::set<std::string> reads = {
-      "GetVersion", "ListWorkers",       "ListPorts",      "GetPortStats",
-      "GetModule",  "ListModuleClasses", "GetModuleClass", "ListModules",
-      "ListHooks",  "ListConnections",   "ListTasks",      "ListPlugins",
-      "GetStats",   "GetCounters",       "ListStates",     "GetState"};
+      "GetVersion",        "ListWorkers",    "ListPorts",   "GetPortStats", "GetModule",
+      "ListModuleClasses", "GetModuleClass", "ListModules", "ListHooks",    "ListConnections",
+      "ListTasks",         "ListPlugins",    "GetStats",    "GetCounters",  "ListStates",
+      "GetState",          "GetSettings"};
   const auto* service = pb::EmptyRequest::descriptor()->file()->FindServiceByName("BESSControl");
   ASSERT_NE(service, nullptr);
   const auto channel = readChannel();

@@ -37,6 +37,7 @@ void fillInfo(const Port& port, pb::PortInfo* info) {
   info->set_mtu(status.mtu);
   info->set_rxq(port.rxQueues());
   info->set_txq(port.txQueues());
+  info->set_queue_size(port.queueSize());
   info->set_link_up(status.linkUp);
   info->set_link_speed_mbps(status.linkSpeedMbps);
   info->set_promiscuous(status.promiscuous);

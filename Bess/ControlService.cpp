@@ -127,9 +127,25 @@ void ControlService::handleUnloadPlugin(const pb::PluginRequest& request, pb::Em
 }
 
 void ControlService::handleListPlugins(const pb::EmptyRequest&, pb::ListPluginsResponse* response) {
-  for (const std::string& path : Plugin::loaded()) {
-    response->add_paths(path);
+  for (const PluginInfo& plugin : Plugin::list()) {
+    response->add_paths(plugin.path);
+    pb::PluginInfo* info = response->add_plugins();
+    info->set_path(plugin.path);
+    info->set_version(plugin.version);
   }
+}
+
+void ControlService::handleGetSettings(const pb::EmptyRequest&, pb::SettingsResponse* response) {
+  if (extensions_.settings) {
+    extensions_.settings(response->mutable_settings());
+  }
+}
+
+void ControlService::handleSetSettings(const pb::Settings& request, pb::EmptyResponse*) {
+  if (!extensions_.setSettings) {
+    refuse(ENOTSUP, "this program has no settings that may change");
+  }
+  extensions_.setSettings(request);
 }
 
 void ControlService::handleGetStats(const pb::EmptyRequest&, pb::StatsResponse* response) {

@@ -35,7 +35,9 @@ struct ControlExtensions {
   std::function<void()> shutdown;
   std::function<uint32_t(const std::string& name)> counterId;  // throws std::system_error
   std::function<void(pb::CountersResponse* response)> counters;
-  std::vector<State> states;  // of the program itself
+  std::function<void(pb::Settings* settings)> settings;
+  std::function<void(const pb::Settings& wanted)> setSettings;  // throws std::system_error
+  std::vector<State> states;                                    // of the program itself
 };
 
 class ControlService final : public pb::BESSControl::Service {
@@ -90,6 +92,8 @@ class ControlService final : public pb::BESSControl::Service {
   BESS_CONTROL_RPC(GetStats, EmptyRequest, StatsResponse)
   BESS_CONTROL_RPC(CounterId, NameRequest, CounterIdResponse)
   BESS_CONTROL_RPC(GetCounters, EmptyRequest, CountersResponse)
+  BESS_CONTROL_RPC(GetSettings, EmptyRequest, SettingsResponse)
+  BESS_CONTROL_RPC(SetSettings, Settings, EmptyResponse)
   BESS_CONTROL_RPC(ListStates, NameRequest, ListStatesResponse)
 #undef BESS_CONTROL_RPC
 
@@ -159,6 +163,8 @@ class ControlService final : public pb::BESSControl::Service {
   void handleLoadPlugin(const pb::PluginRequest& request, pb::EmptyResponse* response);
   void handleUnloadPlugin(const pb::PluginRequest& request, pb::EmptyResponse* response);
   void handleListPlugins(const pb::EmptyRequest& request, pb::ListPluginsResponse* response);
+  void handleGetSettings(const pb::EmptyRequest& request, pb::SettingsResponse* response);
+  void handleSetSettings(const pb::Settings& request, pb::EmptyResponse* response);
   void handleGetStats(const pb::EmptyRequest& request, pb::StatsResponse* response);
   void handleCounterId(const pb::NameRequest& request, pb::CounterIdResponse* response);
   void handleGetCounters(const pb::EmptyRequest& request, pb::CountersResponse* response);

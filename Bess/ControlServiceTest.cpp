@@ -330,6 +330,33 @@ TEST_F(ControlServiceTest, looksForPlainPlugInNamesInTheirDirectory) {
   EXPECT_EQ(service_->pluginPath(""), "");
 }
 
+TEST_F(ControlServiceTest, readsAndChangesSettingsOfTheProgram) {
+  EXPECT_EQ(call(&Stub::GetSettings).settings().publish_period_ms(), 250u);
+  pb::Settings wanted;
+  EXPECT_FALSE(call(&Stub::SetSettings, wanted).has_error());
+  EXPECT_EQ(call(&Stub::GetSettings).settings().publish_period_ms(), 250u);
+  wanted.set_publish_period_ms(300);
+  EXPECT_FALSE(call(&Stub::SetSettings, wanted).has_error());
+  EXPECT_EQ(call(&Stub::GetSettings).settings().publish_period_ms(), 300u);
+  wanted.set_publish_period_ms(0);
+  EXPECT_EQ(call(&Stub::SetSettings, wanted).error().code(), EINVAL);
+}
+
+TEST_F(ControlServiceTest, refusesSettingsWhereThereAreNone) {
+  ControlExtensions none;
+  ControlService service(control_, none);
+  ControlServerOptions options = options_;
+  options.socket = directory_.file("none.sock");
+  options.readSocket = "";
+  const ControlServer server(&service, options);
+  const auto stub = pb::BESSControl::NewStub(
+      grpc::CreateChannel("unix:" + options.socket, grpc::InsecureChannelCredentials()));
+  grpc::ClientContext context;
+  pb::EmptyResponse response;
+  ASSERT_TRUE(stub->SetSettings(&context, {}, &response).ok());
+  EXPECT_EQ(response.error().code(), ENOTSUP);
+}
+
 TEST_F(ControlServiceTest, reportsStatistics) {
   createProbe("one");
   ASSERT_EQ(addWorker(0), 0);

@@ -71,6 +71,15 @@ class ControlTest : public testing::Test {
       }
       return 7;
     };
+    extensions.settings = [this](pb::Settings* settings) {
+      settings->set_publish_period_ms(period_);
+    };
+    extensions.setSettings = [this](const pb::Settings& wanted) {
+      if (wanted.has_publish_period_ms() && wanted.publish_period_ms() == 0) {
+        throw std::system_error(EINVAL, std::generic_category(), "no period");
+      }
+      period_ = wanted.has_publish_period_ms() ? wanted.publish_period_ms() : period_;
+    };
     extensions.counters = [](pb::CountersResponse* response) {
       response->add_counters()->set_name("events");
     };
@@ -152,6 +161,7 @@ class ControlTest : public testing::Test {
                                       .listen = "",
                                       .tls = {}};
   std::atomic<int> shutdowns_{0};
+  uint32_t period_ = 250;  // on the control thread
   ControlThread control_;
   std::unique_ptr<ControlService> service_;
   std::unique_ptr<ControlServer> server_;

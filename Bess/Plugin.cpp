@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <utility>
@@ -20,6 +21,7 @@
 struct PluginLibraries {
   struct Library {
     std::string path;
+    std::string version;
     void* handle;
   };
   std::vector<Library> loaded;
@@ -52,6 +54,16 @@ bool isResident(const std::string& path) {
   return true;
 }
 
+// Printable, and not longer than a version is.
+std::string versionOf(void* handle) {
+  constexpr size_t kMaxBytes = 64;
+  const auto* said = static_cast<const char*>(dlsym(handle, "sfePluginVersion"));
+  std::string version(said == nullptr ? "" : said, said == nullptr ? 0 : strnlen(said, kMaxBytes));
+  std::replace_if(
+      version.begin(), version.end(), [](char c) { return c <= ' ' || c > '~'; }, '?');
+  return version;
+}
+
 }  // namespace
 
 void Plugin::load(const std::string& path) {
@@ -75,8 +87,9 @@ void Plugin::load(const std::string& path) {
       ModuleBuilder::putBack(std::move(builder));
     }
   }
-  libraries.loaded.push_back({real, handle});
-  LOG(INFO) << "loaded plug-in " << real;
+  const std::string version = versionOf(handle);
+  libraries.loaded.push_back({real, version, handle});
+  LOG(INFO) << "loaded plug-in " << real << (version.empty() ? "" : ", version ") << version;
 }
 
 void Plugin::unload(const std::string& path) {
@@ -124,4 +137,12 @@ std::vector<std::string> Plugin::loaded() {
     paths.push_back(library.path);
   }
   return paths;
+}
+
+std::vector<PluginInfo> Plugin::list() {
+  std::vector<PluginInfo> all;
+  for (const auto& library : PluginLibraries::instance().loaded) {
+    all.push_back({library.path, library.version});
+  }
+  return all;
 }

@@ -16,12 +16,20 @@
 #include <string>
 #include <vector>
 
+// A library says its version in a symbol of C, as long as it likes:
+//   extern "C" const char sfePluginVersion[] = "1.2";
+struct PluginInfo {
+  std::string path;     // resolved
+  std::string version;  // empty when the library does not say
+};
+
 class Plugin {
  public:
   static void load(const std::string& path);
   static void unload(const std::string& path);
   static void unloadAll();                   // requires: no instances of their classes
   static std::vector<std::string> loaded();  // resolved paths, in the order of loading
+  static std::vector<PluginInfo> list();     // in the same order
 };
 
 inline void loadPlugin(const std::string& path) {

@@ -66,6 +66,16 @@ TEST_F(PluginTest, bringsItsClassesAndTakesThemAway) {
   }
 }
 
+TEST_F(PluginTest, saysItsVersionWhereItHasOne) {
+  loadPlugin(path_);
+  loadPlugin(resident_);
+  const std::vector<PluginInfo> all = Plugin::list();
+  ASSERT_EQ(all.size(), 2U);
+  EXPECT_EQ(all[0].path, Plugin::loaded()[0]);
+  EXPECT_EQ(all[0].version, "1.5?beta");
+  EXPECT_EQ(all[1].version, "");
+}
+
 TEST_F(PluginTest, comesBackWhenTheLibraryStayedInMemory) {
   for (int round = 0; round < 3; round++) {
     loadPlugin(resident_);

@@ -98,6 +98,7 @@ class Port {
   uint16_t id() const { return id_; }
   uint16_t rxQueues() const { return config_.rxQueues; }
   uint16_t txQueues() const { return config_.txQueues; }
+  uint16_t queueSize() const { return config_.queueSize; }  // as wanted; 0: the driver's
   PortStatus status() const;
   PortCounters counters() const;
 

@@ -3,7 +3,8 @@ sfe_library(sfe_intf_core STATIC
   SOURCES IntfFrame.cpp IntfIn.cpp IntfOut.cpp IntfTable.cpp PacketBuffer.cpp
   DEPS bess nynet protocol PkgConfig::DPDK)
 
-add_library(SfeIntf MODULE IntfPlugin.cpp)
+add_library(SfeIntf MODULE IntfPlugin.cpp PluginVersion.cpp)
+target_compile_definitions(SfeIntf PRIVATE SFE_VERSION="${PROJECT_VERSION}")
 target_link_libraries(SfeIntf PRIVATE sfe_intf_core)
 install(TARGETS SfeIntf LIBRARY DESTINATION ${SFE_PLUGIN_DIRECTORY})
 

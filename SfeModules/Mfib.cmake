@@ -8,7 +8,8 @@ sfe_library(mfib_core OBJECT
 # A plug-in that is unloaded goes away: no symbol of it may be unique in the process.
 target_compile_options(mfib_core PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 
-add_library(Mfib MODULE $<TARGET_OBJECTS:mfib_core>)
+add_library(Mfib MODULE PluginVersion.cpp $<TARGET_OBJECTS:mfib_core>)
+target_compile_definitions(Mfib PRIVATE SFE_VERSION="${PROJECT_VERSION}")
 target_link_libraries(Mfib PRIVATE mfib_core)
 install(TARGETS Mfib LIBRARY DESTINATION ${SFE_PLUGIN_DIRECTORY})
 

@@ -2,11 +2,13 @@
 
 #include <glog/logging.h>
 
+#include <cerrno>
 #include <exception>
 #include <memory>
 #include <stdexcept>
 #include <utility>
 
+#include "Base/Orp/SystemException.h"
 #include "Bess/Eal.h"
 #include "Bess/ModuleGraph.h"
 #include "Bess/PacketPool.h"
@@ -39,6 +41,19 @@ void stopStep(const char* what, Step&& run) {
   } catch (const std::exception& error) {
     LOG(ERROR) << what << ": " << error.what();
   }
+}
+
+void setSettings(const bess::pb::Settings& wanted) {
+  if (!wanted.has_publish_period_ms()) {
+    return;
+  }
+  const uint32_t period = wanted.publish_period_ms();
+  if (period == 0 || period > Options::kMaxPublishMs) {
+    throw Orp::SystemException(EINVAL, "publication period " + std::to_string(period) +
+                                           " ms is not between 1 and " +
+                                           std::to_string(Options::kMaxPublishMs));
+  }
+  SfeModules::startCounterPublisher(std::chrono::milliseconds(period));
 }
 
 }  // namespace
@@ -135,6 +150,11 @@ bess::ControlExtensions Daemon::extensions(const Options& options,
   result.shutdown = std::move(shutdown);
   result.counterId = [&counters](const std::string& name) { return counters.id(name); };
   result.counters = [&counters](bess::pb::CountersResponse* out) { counters.fill(out); };
+  result.settings = [](bess::pb::Settings* settings) {
+    settings->set_publish_period_ms(
+        static_cast<uint32_t>(SfeModules::counterPublisherPeriod().count()));
+  };
+  result.setSettings = setSettings;
   result.states = ownStates();
   return result;
 }

@@ -75,7 +75,7 @@ void addRunOptions(CLI::App& app, Options& options, Raw& raw) {
   app.add_option("--plugin", options.plugins, "Load this plug-in at start; repeated");
   app.add_option("--toggles", options.toggles, "Directory of feature toggles");
   app.add_option("--publish-period", raw.publishMs, "Milliseconds between counter publications")
-      ->check(CLI::Range(1u, 3'600'000u))
+      ->check(CLI::Range(1u, Options::kMaxPublishMs))
       ->capture_default_str();
   app.add_option("--log-level", options.logLevel, "0 information, 1 warnings, 2 errors")
       ->check(CLI::Range(0, 2))

@@ -33,6 +33,7 @@ struct Options {
   std::string toggles;               // directory; empty: the default
   std::string metrics;               // HOST:PORT of the metrics; empty: none
   uint32_t metricsRoutes = 0;        // at most so many series of single routes of each module
+  static constexpr uint32_t kMaxPublishMs = 3'600'000;
   std::chrono::milliseconds publishPeriod{1000};
   bool spin = false;
   int logLevel = 0;  // 0 information, 1 warnings, 2 errors

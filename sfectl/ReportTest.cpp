@@ -63,14 +63,17 @@ TEST(Results, showPorts) {
   port->set_mtu(1500);
   port->set_rxq(1);
   port->set_txq(2);
+  port->set_queue_size(512);
   port->set_link_up(true);
   port->set_devargs("net_null0");
   EXPECT_EQ(
       textOf(portReport(ports)),
-      "NAME   ID  DRIVER    MAC                 MTU  RXQ  TXQ  LINK  MBPS  PROMISC  ALLMULTI  "
-      "DEVARGS\n"
-      "port1   3  net_null  02:00:00:00:00:01  1500    1    2  yes      0  no       no        "
-      "net_null0\n");
+      "NAME   ID  DRIVER    MAC                 MTU  RXQ  TXQ  QUEUE-SIZE  LINK  MBPS  PROMISC  "
+      "ALLMULTI  DEVARGS\n"
+      "port1   3  net_null  02:00:00:00:00:01  1500    1    2         512  yes      0  no       "
+      "no        net_null0\n");
+  port->set_queue_size(0);
+  EXPECT_FALSE(portReport(ports).toJson()[0].contains("queue_size"));
 }
 
 TEST(Results, showUnattachedTasksWithoutAWorker) {

@@ -39,6 +39,7 @@ Report portReport(const Repeated<bess::pb::PortInfo>& ports) {
                  {"MTU", "mtu"},
                  {"RXQ", "rxq"},
                  {"TXQ", "txq"},
+                 {"QUEUE-SIZE", "queue_size"},
                  {"LINK", "link_up"},
                  {"MBPS", "link_speed_mbps"},
                  {"PROMISC", "promiscuous"},
@@ -46,7 +47,8 @@ Report portReport(const Repeated<bess::pb::PortInfo>& ports) {
                  {"DEVARGS", "devargs"}});
   for (const auto& p : ports) {
     report.add({p.name(), p.id(), p.driver(), macText(p.mac()), p.mtu(), p.rxq(), p.txq(),
-                p.link_up(), p.link_speed_mbps(), p.promiscuous(), p.allmulticast(), p.devargs()});
+                orNull(p.queue_size() > 0, p.queue_size()), p.link_up(), p.link_speed_mbps(),
+                p.promiscuous(), p.allmulticast(), p.devargs()});
   }
   return report;
 }
@@ -128,9 +130,9 @@ Report hookReport(const Repeated<bess::pb::HookInfo>& hooks) {
 }
 
 Report pluginReport(const bess::pb::ListPluginsResponse& plugins) {
-  Report report({{"PATH", "path"}});
-  for (const auto& path : plugins.paths()) {
-    report.add({path});
+  Report report({{"PATH", "path"}, {"VERSION", "version"}});
+  for (const auto& plugin : plugins.plugins()) {
+    report.add({plugin.path(), orNull(!plugin.version().empty(), plugin.version())});
   }
   return report;
 }

@@ -10,16 +10,23 @@ using Stub = Client::Stub;
 
 void version(Session& session) {
   const auto answer = session.client().call(&Stub::GetVersion);
-  const Json value{{"client", SFE_VERSION},
-                   {"daemon", answer.version()},
-                   {"dpdk", answer.dpdk_version()},
-                   {"pid", answer.pid()}};
+  const auto plugins = session.client().call(&Stub::ListPlugins);
+  Json value{{"client", SFE_VERSION},
+             {"daemon", answer.version()},
+             {"dpdk", answer.dpdk_version()},
+             {"pid", answer.pid()}};
+  value["plugins"] = pluginReport(plugins).toJson();
   if (session.json) {
     session.print(value);
     return;
   }
   session.out() << "sfectl " << SFE_VERSION << "\nbessd " << printable(answer.version()) << " (pid "
                 << answer.pid() << ", " << printable(answer.dpdk_version()) << ")\n";
+  for (const auto& plugin : plugins.plugins()) {
+    session.out() << printable(plugin.path()) << " "
+                  << (plugin.version().empty() ? "of no version" : printable(plugin.version()))
+                  << "\n";
+  }
 }
 
 void printStatsText(Session& session,
@@ -60,8 +67,9 @@ void stats(Session& session) {
 }  // namespace
 
 void addSystemCommands(CLI::App& app, Session& session) {
-  session.bind(app.add_subcommand("version", "Versions of this program and of the daemon"),
-               version);
+  session.bind(
+      app.add_subcommand("version", "Versions of this program, of the daemon and of its plug-ins"),
+      version);
   session.bind(app.add_subcommand("shutdown", "Stop the daemon"),
                [](Session& s) { s.client().call(&Stub::Shutdown); });
   session.bind(app.add_subcommand("pause", "Stop all workers until a resume"),

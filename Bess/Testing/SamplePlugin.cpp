@@ -9,6 +9,13 @@
 #include "Bess/Module.h"
 #include "Bess/ModuleBuilder.h"
 
+#ifdef SAMPLE_VERSION
+extern "C" {
+extern const char sfePluginVersion[];
+const char sfePluginVersion[] = SAMPLE_VERSION;
+}
+#endif
+
 // The test program's: how many callbacks of the library's code have run.
 extern "C" std::atomic<int> bessSampleCallbacks;
 

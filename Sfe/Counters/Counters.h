@@ -6,8 +6,9 @@
 //            | create/destroyCounterRow        |   yes   |   -    |     -     |   -    |
 //            | (un)registerCounterUpdate       |   yes   |   -    |    yes    |  yes   |
 //            | start/stopCounterPublisher      |   yes   |   -    |     -     |  yes   |
+//            | counterPublisherPeriod          |   yes   |  yes*  |    yes    |  yes   |
 //            | publishCountersNow              |   yes   |   -    |  ignored  |  yes** |
-//              *  counterId takes a mutex: at set-up, not per packet.
+//              *  takes a mutex: at set-up, not per packet.
 //              ** only from a thread that is registered with QSBR and online.
 // RCU        : the publisher is a registered QSBR thread: online while it runs callbacks, a
 //              quiescent state after each of them, offline between passes. When they have to wait,
@@ -89,6 +90,9 @@ void unregisterCounterUpdate(CounterUpdateHandle handle);
 // Starts the publisher; one pass per period. When it runs already, only the period changes.
 // Requires: period > 0.
 void startCounterPublisher(std::chrono::milliseconds period = std::chrono::seconds(1));
+
+// Returns: the period that the last startCounterPublisher set; a second before it.
+std::chrono::milliseconds counterPublisherPeriod();
 
 // Ends the publisher after the pass under way. Requires: not called from a callback.
 void stopCounterPublisher();

@@ -46,6 +46,7 @@ class Publisher {
   void remove(CounterUpdateHandle handle);
   void pass(bool quiescentBetween);
   void start(std::chrono::milliseconds period);
+  std::chrono::milliseconds period();
   void stop();
 
  private:
@@ -183,6 +184,11 @@ void Publisher::start(std::chrono::milliseconds period) {
   }
 }
 
+std::chrono::milliseconds Publisher::period() {
+  const std::lock_guard lock(timerMutex_);
+  return period_;
+}
+
 void Publisher::stop() {
   const ScopedOffline offline;
   const std::lock_guard stopping(threadMutex_);
@@ -216,6 +222,10 @@ void unregisterCounterUpdate(CounterUpdateHandle handle) {
 
 void startCounterPublisher(std::chrono::milliseconds period) {
   publisher().start(period);
+}
+
+std::chrono::milliseconds counterPublisherPeriod() {
+  return publisher().period();
 }
 
 void stopCounterPublisher() {

@@ -105,6 +105,14 @@ TEST(Publication, isIgnoredFromInsideACallback) {
   EXPECT_EQ(calls, 1);
 }
 
+TEST(Publisher, saysThePeriodThatItWasGivenLast) {
+  startCounterPublisher(std::chrono::milliseconds(70));
+  EXPECT_EQ(counterPublisherPeriod(), std::chrono::milliseconds(70));
+  startCounterPublisher(std::chrono::milliseconds(80));
+  EXPECT_EQ(counterPublisherPeriod(), std::chrono::milliseconds(80));
+  stopCounterPublisher();
+}
+
 TEST(Publisher, publishesPeriodicallyOnAnOnlineThread) {
   std::latch calls(3);
   std::atomic<bool> online{true};

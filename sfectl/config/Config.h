@@ -120,7 +120,10 @@ struct VrfRoute {
   std::vector<IntfReference> interfaces;
 };
 
+inline constexpr uint32_t kUsualPublishPeriod = 1000;  // of a daemon that nobody told otherwise
+
 struct Config {
+  std::optional<uint32_t> publishPeriod;  // milliseconds; absent: as it is
   std::optional<std::vector<WorkerConfig>> workers;
   bool ethernetMode = true;
   std::vector<PortConfig> ports;

@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t kMaxFileBytes = 64 << 20;
 constexpr uint32_t kMaxCore = 1023;
+constexpr uint32_t kMaxPublishPeriod = 3'600'000;  // milliseconds
 
 using Node = YAML::Node;
 
@@ -27,6 +28,9 @@ class Parser {
   Config parse(const Node& root) {
     KeyReader keys(reader_, root, "the file");
     keys.take("workers", [this](const Node& node) { workers(node); });
+    keys.take("publish_period", [this](const Node& node) {
+      config_.publishPeriod = reader_.number(node, "publish_period", 1, kMaxPublishPeriod);
+    });
     keys.take("ethernet_mode", [this](const Node& node) {
       config_.ethernetMode = reader_.boolean(node, "ethernet_mode").value_or(true);
     });

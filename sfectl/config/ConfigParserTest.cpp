@@ -72,6 +72,7 @@ workers:
   - 3
   - {id: 5, core: 7}
   - {id: 6}
+publish_period: 250
 ethernet_mode: false
 bridge_mac: 02:00:00:00:00:01
 ports:
@@ -126,6 +127,7 @@ toggles:
   EXPECT_EQ((*config.workers)[0].core, 3u);
   EXPECT_EQ((*config.workers)[1].id, 5u);
   EXPECT_FALSE((*config.workers)[2].core.has_value());
+  EXPECT_EQ(config.publishPeriod, 250u);
   EXPECT_FALSE(config.ethernetMode);
   const PortConfig& port = config.ports[0];
   EXPECT_EQ(port.rxq, 2u);

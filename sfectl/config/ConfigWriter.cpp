@@ -94,6 +94,9 @@ class Writer {
 
   std::string write() {
     workers();
+    if (config_.publishPeriod.has_value()) {
+      out_ << "publish_period: " << *config_.publishPeriod << "\n";
+    }
     if (!config_.ethernetMode) {
       out_ << "ethernet_mode: false\n";
     }

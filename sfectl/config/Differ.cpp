@@ -31,11 +31,24 @@ void loadPlugins(DifferSteps& steps) {
   }
 }
 
+void settings(const Config& config, DifferSteps& steps) {
+  if (!config.publishPeriod.has_value() || config.publishPeriod == steps.now.publishPeriod) {
+    return;
+  }
+  bess::pb::Settings wanted;
+  wanted.set_publish_period_ms(*config.publishPeriod);
+  const auto& now = steps.now.publishPeriod;
+  steps.add(Change::kChange, "publication period", std::to_string(*config.publishPeriod) + " ms",
+            now.has_value() ? "from " + std::to_string(*now) + " ms" : "",
+            [wanted](Executor& executor) { executor.client().call(&Stub::SetSettings, wanted); });
+}
+
 // The part of a plan that another part may be based on comes first; what is in the way goes before
 // what takes its place, and packets come in when everything behind is there.
 Plan orderedSteps(const Config& config, Running running) {
   DifferSteps steps(std::move(running));
   loadPlugins(steps);
+  settings(config, steps);
   TaskDiffer tasks(config, steps);
   tasks.addWorkers();
   GraphDiffer graph(config, steps);

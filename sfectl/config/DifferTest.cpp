@@ -230,6 +230,27 @@ TEST(Differ, keepsWhatTheFileLeavesOpen) {
       ::testing::Contains("- port p1: to be made anew with other settings"));
 }
 
+TEST(Differ, makesAPortAnewForAnotherQueueSize) {
+  Daemon daemon;
+  daemon.running.ports["p1"].queueSize = 512;
+  EXPECT_THAT(steps(kFile, daemon.running), IsEmpty());
+  EXPECT_THAT(
+      steps(replaced("p1: net_null1", "p1: {devargs: net_null1, queue_size: 512}"), daemon.running),
+      IsEmpty());
+  EXPECT_THAT(
+      steps(replaced("p1: net_null1", "p1: {devargs: net_null1, queue_size: 256}"), daemon.running),
+      ::testing::Contains("- port p1: to be made anew with other settings"));
+}
+
+TEST(Differ, setsThePublicationPeriodThatTheFileSays) {
+  Daemon daemon;
+  daemon.running.publishPeriod = 200;
+  EXPECT_THAT(steps(kFile, daemon.running), IsEmpty());
+  EXPECT_THAT(steps("publish_period: 200\n" + kFile, daemon.running), IsEmpty());
+  EXPECT_THAT(steps("publish_period: 1000\n" + kFile, daemon.running),
+              ElementsAre("~ publication period 1000 ms: from 200 ms"));
+}
+
 TEST(Differ, removesWhatIsItsOwnAndLeavesWhatSomebodyMade) {
   Daemon daemon;
   daemon.port("p3", 9, "net_null3", kMac1);
@@ -370,7 +391,8 @@ TEST(RunningConfig, saysWhateverSingleCommandsChanged) {
   Daemon daemon;
   Running& running = daemon.running;
   running.workers = {{0, 2}, {3, -1}};
-  running.ports["p1"] = {4, "net_null1", kMac1, 9000, 2, 5, true, true};
+  running.ports["p1"] = {4, "net_null1", kMac1, 9000, 2, 5, true, true, 512};
+  running.publishPeriod = 50;
   running.tasks[{"rx.p1", 1}] = {3, 0};
   running.tasks[{"rx.p2", 0}] = {kNoWorker, 0};
   running.tasks[{"mfib6", 1}] = {0, 9};
@@ -392,6 +414,8 @@ TEST(RunningConfig, saysWhateverSingleCommandsChanged) {
   route.oifs.emplace(intf("Ethernet2"), 2);
   route.toCpu = route.iifRegister = route.oifRegister = true;
   route.iifFrr = route.notify = route.fastdrop = intf("Ethernet2");
+  EXPECT_EQ(configOf(running).ports[0].queueSize, 512u);
+  EXPECT_EQ(configOf(running).publishPeriod, 50u);
   EXPECT_THAT(savedSteps(running), IsEmpty()) << writeConfig(configOf(running));
 }
 

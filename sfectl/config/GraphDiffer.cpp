@@ -39,10 +39,10 @@ const IntfConfig* GraphDiffer::intfConfig(const std::string& name) const {
   return found == config_.interfaces.end() || found->port.empty() ? nullptr : &*found;
 }
 
-// The queue size cannot be asked for: it counts when the port is made.
 bool GraphDiffer::staysAsItIs(const PortConfig& wanted, const RunningPort& port) const {
   return wanted.devargs == port.devargs && !differs(wanted.rxq, port.rxq) &&
          !differs(wanted.txq, port.txq) && !differs(wanted.mtu, port.mtu) &&
+         !differs(wanted.queueSize, port.queueSize) &&
          !differs(wanted.promiscuous, port.promiscuous) &&
          !differs(wanted.allMulticast, port.allMulticast);
 }

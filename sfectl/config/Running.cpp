@@ -124,8 +124,13 @@ void readGraph(Client& client, Running& out) {
   }
   const auto ports = client.call(&Stub::ListPorts);
   for (const auto& port : ports.ports()) {
-    out.ports[port.name()] = {port.id(),  port.devargs(), port.mac(),         port.mtu(),
-                              port.rxq(), port.txq(),     port.promiscuous(), port.allmulticast()};
+    out.ports[port.name()] = {port.id(),          port.devargs(),      port.mac(),
+                              port.mtu(),         port.rxq(),          port.txq(),
+                              port.promiscuous(), port.allmulticast(), port.queue_size()};
+  }
+  const auto settings = client.call(&Stub::GetSettings).settings();
+  if (settings.has_publish_period_ms()) {
+    out.publishPeriod = settings.publish_period_ms();
   }
   const auto modules = client.call(&Stub::ListModules);
   for (const auto& module : modules.modules()) {

@@ -28,6 +28,7 @@ struct RunningPort {
   uint32_t txq = 1;
   bool promiscuous = false;
   bool allMulticast = false;
+  uint32_t queueSize = 0;  // 0: the driver's
 };
 
 struct RunningModule {
@@ -69,6 +70,7 @@ struct Running {
   std::map<std::string, std::map<std::string, RunningIntf>> edges;  // of IntfIn and IntfOut modules
   std::map<std::string, RunningInstance> instances;
   std::map<std::string, uint32_t> counters;
+  std::optional<uint32_t> publishPeriod;  // milliseconds
 
   const RunningPort* portById(uint32_t id) const;
   std::string portName(uint32_t id) const;  // empty when there is none

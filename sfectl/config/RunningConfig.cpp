@@ -15,6 +15,9 @@ class Saver {
   explicit Saver(const Running& running) : running_(running), roles_(running) {}
 
   Config save() {
+    if (running_.publishPeriod != kUsualPublishPeriod) {
+      config_.publishPeriod = running_.publishPeriod;
+    }
     workers();
     ports();
     instances();
@@ -78,6 +81,7 @@ class Saver {
       };
       port.rxq = unless(running.rxq, 1);
       port.txq = unless(running.txq, workers);
+      port.queueSize = unless(running.queueSize, 0);
       port.mtu = unless(running.mtu, kUsualMtu);
       // One of the two is what a port gets that nobody asked: the driver decides which.
       if (running.promiscuous == running.allMulticast) {

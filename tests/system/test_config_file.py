@@ -75,6 +75,7 @@ BAD_SHAPE = [
     "[]", "text", "colour: red",
     "workers: 0", "workers: 37", "workers: two", "workers: []", "workers: [1024]", "workers: [{id: 36}]",
     "workers: [{idd: 1}]", "workers: 1.5", "workers: '1'",
+    "publish_period: 0", "publish_period: 3600001", "publish_period: 1s",
     "ethernet_mode: 1", "ethernet_mode: 'true'",
     "bridge_mac: 01:00:00:00:00:01", "bridge_mac: 00:00:00:00:00:00", "bridge_mac: 02:00:00:00:01", "bridge_mac: 7",
     "ports: []", "ports: {none: a}", "ports: {'a b': a}", "ports: {a: }", "ports: {a: ''}", "ports: {a: 5}",
