@@ -11,6 +11,7 @@
 
 #include "sfectl/Commands.h"
 #include "sfectl/Errors.h"
+#include "sfectl/Report.h"
 #include "sfectl/config/ConfigParser.h"
 #include "sfectl/config/ConfigWriter.h"
 #include "sfectl/config/Differ.h"
@@ -45,12 +46,39 @@ void report(Session& session, const Plan& plan, bool done) {
   }
 }
 
+// What went wrong, for a program: where in which file, null where that says nothing.
+Json errorJson(const Json& file, const Place& place, const std::string& message) {
+  return {{"file", file},
+          {"line", place.line > 0 ? Json(place.line) : Json(nullptr)},
+          {"column", place.column > 0 ? Json(place.column) : Json(nullptr)},
+          {"message", message}};
+}
+
+void printFailure(Session& session, const ApplyWords& words, const Json& errors) {
+  if (session.json && words.check) {
+    session.print(Json{{"file", words.file}, {"good", false}, {"errors", errors}});
+  } else if (session.json) {
+    session.print(Json{{"applied", false}, {"errors", errors}});
+  }
+}
+
 // Errors: RuntimeError after every problem was printed.
-ParsedConfig goodFile(Session& session, const std::string& path) {
+ParsedConfig goodFile(Session& session, const ApplyWords& words) {
+  const std::string& path = words.file;
   try {
     return readConfigFile(path);
+  } catch (const RuntimeError& error) {
+    printFailure(session, words, Json::array({errorJson(path, {}, error.what())}));
+    throw;
   } catch (const FileError& error) {
-    session.err() << error.what() << std::endl;
+    Json errors = Json::array();
+    for (const Problem& problem : error.problems().sorted()) {
+      errors.push_back(errorJson(path, problem.place, problem.text));
+    }
+    printFailure(session, words, errors);
+    if (!session.json) {
+      session.err() << error.what() << std::endl;
+    }
     throw RuntimeError(std::to_string(error.count()) +
                        (error.count() == 1 ? " problem" : " problems") + " in " + printable(path) +
                        "; nothing was changed");
@@ -63,8 +91,22 @@ std::vector<std::string> toggles(Session& session, const Config& config) {
                                 : checkToggles(config, readToggles(session.client()));
 }
 
+void change(Session& session, const ApplyWords& words, const Config& config) {
+  toggles(session, config);
+  const Plan plan = makePlan(config, readRunning(session.client()));
+  if (!words.dryRun) {
+    plan.execute(session.client());
+    // Modules that were made just now have asked for theirs.
+    for (const std::string& name : toggles(session, config)) {
+      session.err() << "sfectl: warning: no module of the daemon asks for toggle "
+                    << printable(name) << std::endl;
+    }
+  }
+  report(session, plan, !words.dryRun);
+}
+
 void apply(Session& session, const ApplyWords& words) {
-  const ParsedConfig parsed = goodFile(session, words.file);
+  const ParsedConfig parsed = goodFile(session, words);
   for (const std::string& warning : parsed.warnings) {
     session.err() << warning << std::endl;
   }
@@ -76,17 +118,12 @@ void apply(Session& session, const ApplyWords& words) {
     }
     return;
   }
-  toggles(session, parsed.config);
-  const Plan plan = makePlan(parsed.config, readRunning(session.client()));
-  if (!words.dryRun) {
-    plan.execute(session.client());
-    // Modules that were made just now have asked for theirs.
-    for (const std::string& name : toggles(session, parsed.config)) {
-      session.err() << "sfectl: warning: no module of the daemon asks for toggle "
-                    << printable(name) << std::endl;
-    }
+  try {
+    change(session, words, parsed.config);
+  } catch (const RuntimeError& error) {
+    printFailure(session, words, Json::array({errorJson(nullptr, {}, error.what())}));
+    throw;
   }
-  report(session, plan, !words.dryRun);
 }
 
 // The file has the old text or the new one, whatever happens in between.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 #include "sfectl/Report.h"
 
@@ -38,13 +39,17 @@ std::string joined(const std::vector<std::string>& lines) {
 
 }  // namespace
 
-std::vector<std::string> Problems::lines() const {
-  std::vector<Problem> sorted = all_;
-  std::stable_sort(sorted.begin(), sorted.end(), [](const Problem& a, const Problem& b) {
+std::vector<Problem> Problems::sorted() const {
+  std::vector<Problem> result = all_;
+  std::stable_sort(result.begin(), result.end(), [](const Problem& a, const Problem& b) {
     return std::tie(a.place.line, a.place.column) < std::tie(b.place.line, b.place.column);
   });
+  return result;
+}
+
+std::vector<std::string> Problems::lines() const {
   std::vector<std::string> result;
-  for (const Problem& problem : sorted) {
+  for (const Problem& problem : sorted()) {
     std::string where = printable(file_) + ":";
     if (problem.place.line > 0) {
       where += std::to_string(problem.place.line) + ":";
@@ -85,7 +90,7 @@ std::string inQuotes(std::string_view text) {
   return "'" + printable(text.substr(0, kMaxQuoted)) + (cut ? "..." : "") + "'";
 }
 
-FileError::FileError(const Problems& problems)
-    : std::runtime_error(joined(problems.lines())), count_(problems.size()) {}
+FileError::FileError(Problems problems)
+    : std::runtime_error(joined(problems.lines())), problems_(std::move(problems)) {}
 
 }  // namespace Sfectl

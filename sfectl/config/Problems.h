@@ -22,7 +22,10 @@ class Problems {
   void add(Place place, std::string text) { all_.push_back({place, std::move(text)}); }
   bool empty() const { return all_.empty(); }
   size_t size() const { return all_.size(); }
-  // "FILE:LINE:COLUMN: text" lines in the order of the file.
+  const std::string& file() const { return file_; }
+  // In the order of the file.
+  std::vector<Problem> sorted() const;
+  // "FILE:LINE:COLUMN: text" lines in the same order.
   std::vector<std::string> lines() const;
 
  private:
@@ -40,11 +43,12 @@ std::string inQuotes(std::string_view text);
 // A file with problems: what() is their lines.
 class FileError : public std::runtime_error {
  public:
-  explicit FileError(const Problems& problems);
-  size_t count() const { return count_; }
+  explicit FileError(Problems problems);
+  size_t count() const { return problems_.size(); }
+  const Problems& problems() const { return problems_; }
 
  private:
-  size_t count_;
+  Problems problems_;
 };
 
 }  // namespace Sfectl

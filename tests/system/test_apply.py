@@ -1,6 +1,7 @@
 """`sfectl apply`, `save` and `import` with a real daemon, real ports and traffic."""
 
 import itertools
+import json
 import struct
 import threading
 
@@ -169,6 +170,53 @@ def test_bad_file_touches_nothing(site):
     assert result.returncode == 1
     assert "absent.yaml: No such file" in result.stderr
     assert site.state() == before
+
+
+def test_errors_are_told_to_programs_as_json(site):
+    site.apply(BASE + ROUTES)
+    before = site.state()
+    path = str(site.file(BASE + "  Ethernet4: p9\nvrf: {}\n"))
+    errors = [{"file": path, "line": 11, "column": 14, "message": "unknown port 'p9'; did you mean 'p1'?"},
+              {"file": path, "line": 12, "column": 1,
+               "message": "unknown key 'vrf' in the file; did you mean 'vrfs'?"}]
+    result = site.daemon.attempt("apply", path, "--json")
+    assert (result.returncode, json.loads(result.stdout)) == (1, {"applied": False, "errors": errors})
+    assert result.stderr == f"sfectl: 2 problems in {path}; nothing was changed\n"
+    result = site.daemon.attempt("apply", path, "--check", "--json")
+    assert (result.returncode, json.loads(result.stdout)) == (1, {"file": path, "good": False, "errors": errors})
+    absent = f"{path}.absent"
+    result = site.daemon.attempt("apply", absent, "--json")
+    assert (result.returncode, json.loads(result.stdout)["errors"]) == (1, [
+        {"file": absent, "line": None, "column": None,
+         "message": f"cannot read {absent}: No such file or directory"}])
+    # What only the daemon knows.
+    path = str(site.file(BASE.replace("iface=veth2", "iface=nowhere")))
+    result = site.daemon.attempt("apply", path, "--json")
+    answer = json.loads(result.stdout)
+    assert (result.returncode, answer["applied"], len(answer["errors"])) == (1, False, 1)
+    assert "nowhere" in answer["errors"][0]["message"]
+    assert f"sfectl: {answer['errors'][0]['message']}\n" == result.stderr
+    site.apply(BASE + ROUTES)
+    assert site.state()[-1] == before[-1]
+
+
+def test_queue_size_and_publication_period_are_kept(site):
+    sized = BASE.replace("p2: net_af_packet2,iface=veth2",
+                         "p2: {devargs: 'net_af_packet2,iface=veth2', queue_size: 512}") + ROUTES
+    steps = site.steps(sized)
+    assert any(step["kind"] == "port" and step["name"] == "p2" for step in steps), steps
+    site.apply("publish_period: 150\n" + sized)
+    assert site.steps("publish_period: 150\n" + sized) == []
+    saved = site.daemon.sfectl("save")
+    assert "publish_period: 150\n" in saved
+    assert "queue_size: 512\n" in saved
+    assert site.steps(saved) == []
+    sizes = {row["name"]: row.get("queue_size") for row in site.daemon.json("port", "show")}
+    assert sizes == {"p1": None, "p2": 512, "p3": None}
+    assert site.apply("publish_period: 200\n" + BASE + ROUTES, "--dry-run").splitlines()[0] == \
+        "~ publication period 200 ms: from 150 ms"
+    site.apply("publish_period: 200\n" + sized.replace("512", "256"))
+    assert {row["name"]: row.get("queue_size") for row in site.daemon.json("port", "show")}["p2"] == 256
 
 
 def test_unchanged_routes_lose_nothing_while_everything_else_changes(site, traffic):
