@@ -13,7 +13,7 @@ from scapy.layers.l2 import Ether
 from scapy.utils import rdpcap
 
 from testbed.daemon import SFECTL
-from testbed.golden import ESCAPE, masked, on_terminal, problems
+from testbed.golden import ESCAPE, masked, on_terminal, problems, shape
 from testbed.run import start, wait_until
 
 SOURCE = "10.1.0.2"
@@ -86,20 +86,6 @@ def test_text_is_the_same_in_a_pipe_and_on_a_terminal(watched, name, argv, numbe
     code, shown = on_terminal([str(SFECTL), *argv], {**os.environ, **daemon.environment, "NO_COLOR": "1"})
     assert code == 0
     assert problems(name + ".txt", masked(shown, numbers)) == ""
-
-
-def shape(value, numbers):
-    """JSON with one member a line, moving numbers and hardware addresses masked."""
-    text = json.dumps(value, indent=1)
-    if numbers:
-        def mask(node):
-            if isinstance(node, dict):
-                return {key: mask(item) for key, item in node.items()}
-            if isinstance(node, list):
-                return [mask(item) for item in node]
-            return 0 if isinstance(node, (int, float)) and not isinstance(node, bool) else node
-        text = json.dumps(mask(value), indent=1)
-    return masked(text) + "\n"
 
 
 @pytest.mark.parametrize("name, argv, numbers", COMMANDS, ids=[case[0] for case in COMMANDS])
