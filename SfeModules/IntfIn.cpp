@@ -2,7 +2,6 @@
 
 #include <rte_ether.h>
 #include <rte_mbuf.h>
-#include <rte_prefetch.h>
 
 #include <algorithm>
 #include <cstring>
@@ -13,28 +12,12 @@
 namespace SfeModules {
 
 IntfIn::IntfIn()
-    : drops_({"frame shorter than its link header", "header cut off", "no interface on this port",
-              "unknown VLAN", "unicast to another host", "no packet buffer"}) {
-  maxAllowedWorkers_ = MAX_WORKERS;
-}
+    : IntfEdge({"frame shorter than its link header", "header cut off", "no interface on this port",
+                "unknown VLAN", "unicast to another host", "no packet buffer"}) {}
 
 CommandResponse IntfIn::Init(const sfe::pb::IntfInArg& arg) {
   stripIpv4_ = arg.strip_ipv4();
   return CommandSuccess();
-}
-
-void IntfIn::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
-  for (bess::Packet* pkt : *batch) {
-    rte_prefetch0(pkt->headData());
-  }
-  for (bess::Packet* pkt : *batch) {
-    process(ctx, pkt);
-  }
-}
-
-void IntfIn::drop(Context* ctx, bess::Packet* pkt, Drop reason) {
-  drops_.count(ctx->wid, reason);
-  DropPacket(ctx, pkt);
 }
 
 void IntfIn::process(Context* ctx, bess::Packet* pkt) {
@@ -95,25 +78,6 @@ void IntfIn::passData(Context* ctx,
   EmitPacket(ctx, pkt, static_cast<gate_idx_t>(gateBase + (ipv4 ? kIpv4Gate : kIpv6Gate)));
 }
 
-std::string IntfIn::GetDesc() const {
-  return std::to_string(table_.size()) + " interfaces";
-}
-
-CommandResponse IntfIn::addIntf(const sfe::pb::IntfArg& arg) {
-  return table_.add(arg);
-}
-
-CommandResponse IntfIn::delIntf(const sfe::pb::IntfNameArg& arg) {
-  return table_.remove(arg);
-}
-
-CommandResponse IntfIn::showIntfs(const sfe::pb::EmptyIntfArg&) {
-  sfe::pb::IntfTable answer;
-  table_.show(&answer);
-  drops_.show(&answer);
-  return CommandSuccess(answer);
-}
-
 ModuleClass IntfIn::moduleClass() {
   return {.name = "IntfIn",
           .help =
@@ -121,11 +85,11 @@ ModuleClass IntfIn::moduleClass() {
               "1 IPv6 multicast data, 2 for the host, each plus the interface's gate base",
           .igates = 1,
           .ogates = kGates,
-          .commands = {makeCommand<&IntfIn::addIntf>("addIntf", "IntfArg"),
-                       makeCommand<&IntfIn::delIntf>("delIntf", "IntfNameArg"),
-                       makeCommand<&IntfIn::showIntfs>("showIntfs", "EmptyIntfArg")},
+          .commands = edgeCommands(),
           .init = makeInit<&IntfIn::Init>(),
           .nameTemplate = "intf_in"};
 }
+
+template class IntfEdge<IntfIn, IntfInDrop>;
 
 }  // namespace SfeModules

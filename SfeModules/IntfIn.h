@@ -13,16 +13,23 @@
 // Threads    : as Module says; every worker may be in one instance.
 #pragma once
 
-#include "Bess/Module.h"
-#include "Bess/ModuleBuilder.h"
-#include "SfeModules/IntfDrops.h"
+#include "SfeModules/IntfEdge.h"
 #include "SfeModules/IntfFrame.h"
-#include "SfeModules/IntfTable.h"
 #include "protocol/sfe.pb.h"
 
 namespace SfeModules {
 
-class IntfIn final : public Module {
+enum class IntfInDrop {
+  kRunt,
+  kTruncated,
+  kUnknownPort,
+  kUnknownVlan,
+  kOtherHost,
+  kNoBuffer,
+  kReasons
+};
+
+class IntfIn final : public IntfEdge<IntfIn, IntfInDrop> {
  public:
   static constexpr gate_idx_t kIpv4Gate = 0;
   static constexpr gate_idx_t kIpv6Gate = 1;
@@ -33,30 +40,13 @@ class IntfIn final : public Module {
   // The longest headers that forwarding looks at: IPv6, a Register's PIM header, IPv6.
   static constexpr uint32_t kHeaderBytes = 40 + 8 + 40;
 
-  enum class Drop {
-    kRunt,
-    kTruncated,
-    kUnknownPort,
-    kUnknownVlan,
-    kOtherHost,
-    kNoBuffer,
-    kReasons
-  };
-
   IntfIn();
   CommandResponse Init(const sfe::pb::IntfInArg& arg);
-  void ProcessBatch(Context* ctx, bess::PacketBatch* batch) override;
-  std::string GetDesc() const override;
-
-  CommandResponse addIntf(const sfe::pb::IntfArg& arg);
-  CommandResponse delIntf(const sfe::pb::IntfNameArg& arg);
-  CommandResponse showIntfs(const sfe::pb::EmptyIntfArg& arg);
-  uint64_t drops(Drop reason) const { return drops_.total(reason); }
 
   static ModuleClass moduleClass();
 
  private:
-  using Drops = IntfDrops<Drop, static_cast<size_t>(Drop::kReasons)>;
+  friend IntfEdge;
 
   void process(Context* ctx, bess::Packet* pkt);
   void passData(Context* ctx,
@@ -64,11 +54,11 @@ class IntfIn final : public Module {
                 const LinkHeader& link,
                 bool ipv4,
                 gate_idx_t gateBase);
-  void drop(Context* ctx, bess::Packet* pkt, Drop reason);
 
-  IntfTable table_;
   bool stripIpv4_ = false;
-  Drops drops_;
 };
+
+// Made where process() is, so that the walk over a batch has it in line.
+extern template class IntfEdge<IntfIn, IntfInDrop>;
 
 }  // namespace SfeModules

@@ -6,7 +6,6 @@
 #include <rte_ether.h>
 #include <rte_ip.h>
 #include <rte_mbuf.h>
-#include <rte_prefetch.h>
 
 #include <algorithm>
 #include <cstring>
@@ -85,27 +84,11 @@ bess::Packet* replaceFront(bess::Packet* pkt, const NewLink& link, uint16_t skip
 }  // namespace
 
 IntfOut::IntfOut()
-    : drops_({"no outgoing interface", "unknown interface", "frame shorter than its link header",
-              "no group to make a link header for", "no packet buffer"}) {
-  maxAllowedWorkers_ = MAX_WORKERS;
-}
+    : IntfEdge({"no outgoing interface", "unknown interface", "frame shorter than its link header",
+                "no group to make a link header for", "no packet buffer"}) {}
 
 CommandResponse IntfOut::Init(const sfe::pb::IntfOutArg&) {
   return CommandSuccess();
-}
-
-void IntfOut::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
-  for (bess::Packet* pkt : *batch) {
-    rte_prefetch0(pkt->headData());
-  }
-  for (bess::Packet* pkt : *batch) {
-    process(ctx, pkt);
-  }
-}
-
-void IntfOut::drop(Context* ctx, bess::Packet* pkt, Drop reason) {
-  drops_.count(ctx->wid, reason);
-  DropPacket(ctx, pkt);
 }
 
 void IntfOut::process(Context* ctx, bess::Packet* pkt) {
@@ -149,25 +132,6 @@ void IntfOut::process(Context* ctx, bess::Packet* pkt) {
   EmitPacket(ctx, framed, intf->port);
 }
 
-std::string IntfOut::GetDesc() const {
-  return std::to_string(table_.size()) + " interfaces";
-}
-
-CommandResponse IntfOut::addIntf(const sfe::pb::IntfArg& arg) {
-  return table_.add(arg);
-}
-
-CommandResponse IntfOut::delIntf(const sfe::pb::IntfNameArg& arg) {
-  return table_.remove(arg);
-}
-
-CommandResponse IntfOut::showIntfs(const sfe::pb::EmptyIntfArg&) {
-  sfe::pb::IntfTable answer;
-  table_.show(&answer);
-  drops_.show(&answer);
-  return CommandSuccess(answer);
-}
-
 ModuleClass IntfOut::moduleClass() {
   return {
       .name = "IntfOut",
@@ -176,11 +140,11 @@ ModuleClass IntfOut::moduleClass() {
           "interface's port",
       .igates = 1,
       .ogates = RTE_MAX_ETHPORTS,
-      .commands = {makeCommand<&IntfOut::addIntf>("addIntf", "IntfArg"),
-                   makeCommand<&IntfOut::delIntf>("delIntf", "IntfNameArg"),
-                   makeCommand<&IntfOut::showIntfs>("showIntfs", "EmptyIntfArg")},
+      .commands = edgeCommands(),
       .init = makeInit<&IntfOut::Init>(),
       .nameTemplate = "intf_out"};
 }
+
+template class IntfEdge<IntfOut, IntfOutDrop>;
 
 }  // namespace SfeModules

@@ -8,38 +8,34 @@
 // Threads    : as Module says; every worker may be in one instance.
 #pragma once
 
-#include "Bess/Module.h"
-#include "Bess/ModuleBuilder.h"
-#include "SfeModules/IntfDrops.h"
-#include "SfeModules/IntfTable.h"
+#include "SfeModules/IntfEdge.h"
 #include "protocol/sfe.pb.h"
 
 namespace SfeModules {
 
-class IntfOut final : public Module {
- public:
-  enum class Drop { kNoInterface, kUnknownInterface, kRunt, kNotMulticast, kNoBuffer, kReasons };
+enum class IntfOutDrop {
+  kNoInterface,
+  kUnknownInterface,
+  kRunt,
+  kNotMulticast,
+  kNoBuffer,
+  kReasons
+};
 
+class IntfOut final : public IntfEdge<IntfOut, IntfOutDrop> {
+ public:
   IntfOut();
   CommandResponse Init(const sfe::pb::IntfOutArg& arg);
-  void ProcessBatch(Context* ctx, bess::PacketBatch* batch) override;
-  std::string GetDesc() const override;
-
-  CommandResponse addIntf(const sfe::pb::IntfArg& arg);
-  CommandResponse delIntf(const sfe::pb::IntfNameArg& arg);
-  CommandResponse showIntfs(const sfe::pb::EmptyIntfArg& arg);
-  uint64_t drops(Drop reason) const { return drops_.total(reason); }
 
   static ModuleClass moduleClass();
 
  private:
-  using Drops = IntfDrops<Drop, static_cast<size_t>(Drop::kReasons)>;
+  friend IntfEdge;
 
   void process(Context* ctx, bess::Packet* pkt);
-  void drop(Context* ctx, bess::Packet* pkt, Drop reason);
-
-  IntfTable table_;
-  Drops drops_;
 };
+
+// Made where process() is, so that the walk over a batch has it in line.
+extern template class IntfEdge<IntfOut, IntfOutDrop>;
 
 }  // namespace SfeModules

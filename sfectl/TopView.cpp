@@ -73,26 +73,46 @@ std::vector<TopLine> tableOf(std::vector<std::string> titles,
   return lines;
 }
 
+// How fast a count of an entry grows; what was not there before has no rate yet.
+template <class Entries>
+class RatesOf {
+ public:
+  using Entry = typename Entries::mapped_type;
+
+  RatesOf(const Entries& before, const typename Entries::value_type& now, double seconds)
+      : now_(now.second), seconds_(seconds) {
+    const auto found = before.find(now.first);
+    before_ = found == before.end() ? &now_ : &found->second;
+  }
+  double operator()(uint64_t Entry::*count) const {
+    return rateOf(before_->*count, now_.*count, seconds_);
+  }
+  double bits(uint64_t Entry::*bytes) const { return (*this)(bytes)*kBitsPerByte; }
+
+ private:
+  const Entry& now_;
+  const Entry* before_;
+  double seconds_;
+};
+
 std::vector<TopLine> interfaceTable(const TopSample& before,
                                     const TopSample& now,
                                     double seconds,
                                     TopOrder order) {
   std::vector<Row> rows;
-  for (const auto& [name, count] : now.interfaces) {
-    const auto found = before.interfaces.find(name);
-    // What was not there before has no rate yet.
-    const TopSample::Intf& old = found == before.interfaces.end() ? count : found->second;
-    const double rx = rateOf(old.rxPackets, count.rxPackets, seconds);
-    const double rxBits = rateOf(old.rxBytes, count.rxBytes, seconds) * kBitsPerByte;
-    const double tx = rateOf(old.txPackets, count.txPackets, seconds);
-    const double txBits = rateOf(old.txBytes, count.txBytes, seconds) * kBitsPerByte;
-    const double drops = rateOf(old.dropped, count.dropped, seconds);
-    rows.push_back(
-        {rx + tx,
-         rxBits + txBits,
-         drops,
-         {printable(name), rateText(rx), rateText(rxBits), rateText(tx), rateText(txBits),
-          rateText(rateOf(old.queued, count.queued, seconds)), rateText(drops)}});
+  using Intf = TopSample::Intf;
+  for (const auto& entry : now.interfaces) {
+    const RatesOf rate(before.interfaces, entry, seconds);
+    const double rx = rate(&Intf::rxPackets);
+    const double rxBits = rate.bits(&Intf::rxBytes);
+    const double tx = rate(&Intf::txPackets);
+    const double txBits = rate.bits(&Intf::txBytes);
+    const double drops = rate(&Intf::dropped);
+    rows.push_back({rx + tx,
+                    rxBits + txBits,
+                    drops,
+                    {printable(entry.first), rateText(rx), rateText(rxBits), rateText(tx),
+                     rateText(txBits), rateText(rate(&Intf::queued)), rateText(drops)}});
   }
   return tableOf(
       {"INTERFACE", "RX-PKT/S", "RX-BIT/S", "TX-PKT/S", "TX-BIT/S", "QUEUED/S", "DROPPED/S"},
@@ -104,20 +124,21 @@ std::vector<TopLine> routeTable(const TopSample& before,
                                 double seconds,
                                 TopOrder order) {
   std::vector<Row> rows;
-  for (const auto& [key, count] : now.routes) {
-    const auto found = before.routes.find(key);
-    const TopSample::Route& old = found == before.routes.end() ? count : found->second;
-    const double packets = rateOf(old.packets, count.packets, seconds);
-    const double bits = rateOf(old.bytes, count.bytes, seconds) * kBitsPerByte;
-    const double wrong = rateOf(old.wrongIf, count.wrongIf, seconds);
-    const double drops = rateOf(old.dropped, count.dropped, seconds);
+  using Route = TopSample::Route;
+  for (const auto& entry : now.routes) {
+    const auto& [key, count] = entry;
+    const RatesOf rate(before.routes, entry, seconds);
+    const double packets = rate(&Route::packets);
+    const double bits = rate.bits(&Route::bytes);
+    const double wrong = rate(&Route::wrongIf);
+    const double drops = rate(&Route::dropped);
     rows.push_back(
         {packets,
          bits,
          drops + wrong,
          {printable(key.source), printable(key.group), printable(key.vrf), printable(count.iif),
           std::to_string(count.oifs), rateText(packets), rateText(bits), rateText(wrong),
-          rateText(rateOf(old.queued, count.queued, seconds)), rateText(drops)}});
+          rateText(rate(&Route::queued)), rateText(drops)}});
   }
   return tableOf({"SOURCE", "GROUP", "VRF", "IIF", "OIFS", "PKT/S", "BIT/S", "WRONG-IIF/S",
                   "QUEUED/S", "DROPPED/S"},

@@ -12,29 +12,21 @@ using Stub = Client::Stub;
 constexpr uint32_t kMaxWid = 35;
 constexpr uint32_t kMaxTaskId = 63;
 
-void addWorkerAdd(CLI::App& worker, Session& session) {
-  auto request = std::make_shared<bess::pb::AddWorkerRequest>();
-  auto* command = worker.add_subcommand("add", "Start a worker");
-  command->add_option_function<uint32_t>("WID", [request](uint32_t wid) { request->set_wid(wid); })
+// The words that several of the commands take; `Request` has fields of these names.
+template <class Request>
+CLI::Option* addWid(CLI::App* command,
+                    const std::shared_ptr<Request>& request,
+                    const char* name,
+                    const char* help) {
+  return command
+      ->add_option_function<uint32_t>(
+          name, [request](uint32_t wid) { request->set_wid(wid); }, help)
       ->required()
       ->check(CLI::Range(0u, kMaxWid));
-  command->add_option_function<uint32_t>(
-      "--core", [request](uint32_t core) { request->set_core(core); }, "Pin it to this core");
-  session.bind(command, [request](Session& s) { s.client().call(&Stub::AddWorker, *request); });
 }
 
-void addWorkerDel(CLI::App& worker, Session& session) {
-  auto request = std::make_shared<bess::pb::DestroyWorkerRequest>();
-  auto* command = worker.add_subcommand("del", "Stop and remove a worker");
-  command->add_option_function<uint32_t>("WID", [request](uint32_t wid) { request->set_wid(wid); })
-      ->required()
-      ->check(CLI::Range(0u, kMaxWid));
-  session.bind(command, [request](Session& s) { s.client().call(&Stub::DestroyWorker, *request); });
-}
-
-void addTaskAttach(CLI::App& task, Session& session) {
-  auto request = std::make_shared<bess::pb::AttachTaskRequest>();
-  auto* command = task.add_subcommand("attach", "Let a worker run a module's task");
+template <class Request>
+void addTask(CLI::App* command, const std::shared_ptr<Request>& request) {
   command
       ->add_option_function<std::string>(
           "MODULE", [request](const std::string& name) { request->set_module(name); })
@@ -43,11 +35,29 @@ void addTaskAttach(CLI::App& task, Session& session) {
       ->add_option_function<uint32_t>(
           "TASKID", [request](uint32_t id) { request->set_task_id(id); }, "0 when left out")
       ->check(CLI::Range(0u, kMaxTaskId));
-  command
-      ->add_option_function<uint32_t>(
-          "--worker", [request](uint32_t wid) { request->set_wid(wid); }, "The worker's number")
-      ->required()
-      ->check(CLI::Range(0u, kMaxWid));
+}
+
+void addWorkerAdd(CLI::App& worker, Session& session) {
+  auto request = std::make_shared<bess::pb::AddWorkerRequest>();
+  auto* command = worker.add_subcommand("add", "Start a worker");
+  addWid(command, request, "WID", "");
+  command->add_option_function<uint32_t>(
+      "--core", [request](uint32_t core) { request->set_core(core); }, "Pin it to this core");
+  session.bind(command, [request](Session& s) { s.client().call(&Stub::AddWorker, *request); });
+}
+
+void addWorkerDel(CLI::App& worker, Session& session) {
+  auto request = std::make_shared<bess::pb::DestroyWorkerRequest>();
+  auto* command = worker.add_subcommand("del", "Stop and remove a worker");
+  addWid(command, request, "WID", "");
+  session.bind(command, [request](Session& s) { s.client().call(&Stub::DestroyWorker, *request); });
+}
+
+void addTaskAttach(CLI::App& task, Session& session) {
+  auto request = std::make_shared<bess::pb::AttachTaskRequest>();
+  auto* command = task.add_subcommand("attach", "Let a worker run a module's task");
+  addTask(command, request);
+  addWid(command, request, "--worker", "The worker's number");
   command
       ->add_option_function<uint64_t>(
           "--rate", [request](uint64_t rate) { request->set_rate(rate); }, "Runs per second")
@@ -58,14 +68,7 @@ void addTaskAttach(CLI::App& task, Session& session) {
 void addTaskDetach(CLI::App& task, Session& session) {
   auto request = std::make_shared<bess::pb::TaskRequest>();
   auto* command = task.add_subcommand("detach", "Take a task from its worker");
-  command
-      ->add_option_function<std::string>(
-          "MODULE", [request](const std::string& name) { request->set_module(name); })
-      ->required();
-  command
-      ->add_option_function<uint32_t>(
-          "TASKID", [request](uint32_t id) { request->set_task_id(id); }, "0 when left out")
-      ->check(CLI::Range(0u, kMaxTaskId));
+  addTask(command, request);
   session.bind(command, [request](Session& s) { s.client().call(&Stub::DetachTask, *request); });
 }
 

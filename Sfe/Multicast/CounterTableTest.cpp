@@ -19,8 +19,16 @@ using Bindle::CorruptionDetectedException;
 constexpr uint32_t kCapacity = 16;
 constexpr uint32_t kProductCapacity = 60000;
 
+IntfCounter intfRecord(uint64_t n, uint64_t value) {
+  return uniformRecord(intfId(n), value);
+}
+
 class CounterTableTest : public TableTest {
  protected:
+  auto intfTable(uint32_t capacity = kCapacity, bool readOnly = false) const {
+    return mountTable<IntfCounterTable>(systemName_, capacity, readOnly);
+  }
+  auto mrouteTable() const { return mountTable<MrouteCounterTable>(systemName_, kCapacity); }
   size_t slotAt(uint32_t slot) const {
     return kHeaderBytes + slot * IntfCounter::kShape.slotBytes();
   }
@@ -103,15 +111,15 @@ TEST(MountPath, keepsVrfNamesOfAnyBytesApart) {
 }
 
 TEST_F(CounterTableTest, readsADefaultRecordForAnAbsentKey) {
-  const auto intfs = mountTable<IntfCounterTable>(systemName_, kCapacity);
-  const auto mroutes = mountTable<MrouteCounterTable>(systemName_, kCapacity);
+  const auto intfs = intfTable();
+  const auto mroutes = mrouteTable();
   EXPECT_EQ(intfs->intf(intfId(1)), IntfCounter());
   EXPECT_EQ(mroutes->mroute(routeKey(1)), MrouteCounter());
   EXPECT_EQ(intfs->size(), 0u);
 }
 
 TEST_F(CounterTableTest, keepsTheLastRecordOfEachKey) {
-  const auto table = mountTable<MrouteCounterTable>(systemName_, kCapacity);
+  const auto table = mrouteTable();
   for (uint32_t n = 0; n < kCapacity; ++n) {
     table->mrouteIs(MrouteCounter(routeKey(n)));
     MrouteCounter record(routeKey(n));
@@ -126,13 +134,13 @@ TEST_F(CounterTableTest, keepsTheLastRecordOfEachKey) {
 }
 
 TEST_F(CounterTableTest, forgetsDeletedRecords) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
-  table->intfIs(uniformRecord(intfId(1), 5));
-  table->intfIs(uniformRecord(intfId(2), 6));
+  const auto table = intfTable();
+  table->intfIs(intfRecord(1, 5));
+  table->intfIs(intfRecord(2, 6));
   table->intfDel(intfId(1));
   table->intfDel(intfId(99));
   EXPECT_EQ(table->intf(intfId(1)), IntfCounter());
-  EXPECT_EQ(table->intf(intfId(2)), uniformRecord(intfId(2), 6));
+  EXPECT_EQ(table->intf(intfId(2)), intfRecord(2, 6));
   EXPECT_EQ(table->size(), 1u);
   table->intfDelAll();
   EXPECT_EQ(table->size(), 0u);
@@ -140,9 +148,9 @@ TEST_F(CounterTableTest, forgetsDeletedRecords) {
 }
 
 TEST_F(CounterTableTest, countsDeletedRecordsUntilTheyAreFreed) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
-  table->intfIs(uniformRecord(intfId(1), 5));
-  table->intfIs(uniformRecord(intfId(2), 6));
+  const auto table = intfTable();
+  table->intfIs(intfRecord(1, 5));
+  table->intfIs(intfRecord(2, 6));
   urcu_qsbr_barrier();
   const RcuCallbacks::Counts before = RcuCallbacks::counts();
   table->intfDel(intfId(1));
@@ -156,23 +164,23 @@ TEST_F(CounterTableTest, countsDeletedRecordsUntilTheyAreFreed) {
 }
 
 TEST_F(CounterTableTest, dropsAndCountsTheRecordThatDoesNotFit) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kProductCapacity);
+  const auto table = intfTable(kProductCapacity);
   for (uint32_t n = 0; n < kProductCapacity; ++n) {
-    table->intfIs(uniformRecord(intfId(n), n));
+    table->intfIs(intfRecord(n, n));
   }
   EXPECT_EQ(table->overflows(), 0u);
-  table->intfIs(uniformRecord(intfId(kProductCapacity), 1));
-  table->intfIs(uniformRecord(intfId(kProductCapacity), 1));
+  table->intfIs(intfRecord(kProductCapacity, 1));
+  table->intfIs(intfRecord(kProductCapacity, 1));
   EXPECT_EQ(table->overflows(), 2u);
   EXPECT_EQ(table->size(), kProductCapacity);
   EXPECT_EQ(table->intf(intfId(kProductCapacity)), IntfCounter());
   for (uint32_t n = 0; n < kProductCapacity; ++n) {
-    ASSERT_EQ(table->intf(intfId(n)), uniformRecord(intfId(n), n));
+    ASSERT_EQ(table->intf(intfId(n)), intfRecord(n, n));
   }
-  table->intfIs(uniformRecord(intfId(7), 70));  // a key that it has still fits
+  table->intfIs(intfRecord(7, 70));  // a key that it has still fits
   EXPECT_EQ(table->intf(intfId(7)).pktsIn(), 70u);
   table->intfDel(intfId(8));
-  table->intfIs(uniformRecord(intfId(kProductCapacity), 1));
+  table->intfIs(intfRecord(kProductCapacity, 1));
   EXPECT_EQ(table->intf(intfId(kProductCapacity)).pktsIn(), 1u);
   EXPECT_EQ(IntfCounterReader(systemName_, table->path()).snapshot().size(), kProductCapacity);
   table->intfDelAll();
@@ -180,9 +188,9 @@ TEST_F(CounterTableTest, dropsAndCountsTheRecordThatDoesNotFit) {
 }
 
 TEST_F(CounterTableTest, reportsDamageOfEveryByteOfARecordUntilItIsNoted) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, 1);
+  const auto table = intfTable(1);
   RawObject raw(systemName_, table->path());
-  const IntfCounter record = uniformRecord(intfId(3), 0x0123456789abcdef);
+  const IntfCounter record = intfRecord(3, 0x0123456789abcdef);
   uint64_t noted = 0;
   for (size_t at = 0; at < IntfCounter::kShape.slotBytes(); ++at) {
     table->intfIs(record);
@@ -204,40 +212,40 @@ TEST_F(CounterTableTest, reportsDamageOfEveryByteOfARecordUntilItIsNoted) {
 }
 
 TEST_F(CounterTableTest, healsDamageWithTheNextWrite) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, 1);
+  const auto table = intfTable(1);
   RawObject raw(systemName_, table->path());
-  table->intfIs(uniformRecord(intfId(3), 1));
+  table->intfIs(intfRecord(3, 1));
   for (size_t at = 0; at < IntfCounter::kShape.slotBytes(); ++at) {
     raw.flip(slotAt(0) + at, 0xff);
   }
-  table->intfIs(uniformRecord(intfId(3), 2));
-  EXPECT_EQ(table->intf(intfId(3)), uniformRecord(intfId(3), 2));
+  table->intfIs(intfRecord(3, 2));
+  EXPECT_EQ(table->intf(intfId(3)), intfRecord(3, 2));
   EXPECT_EQ(table->size(), 1u);
   raw.flip(slotAt(0), 1);  // odd for ever: nobody waits for it
   table->intfDel(intfId(3));
   EXPECT_EQ(table->size(), 0u);
-  table->intfIs(uniformRecord(intfId(4), 4));
-  EXPECT_EQ(table->intf(intfId(4)), uniformRecord(intfId(4), 4));
+  table->intfIs(intfRecord(4, 4));
+  EXPECT_EQ(table->intf(intfId(4)), intfRecord(4, 4));
 }
 
 TEST_F(CounterTableTest, doesNotTakeOutOfSightWhatWasWrittenMeanwhile) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
+  const auto table = intfTable();
   RawObject raw(systemName_, table->path());
-  table->intfIs(uniformRecord(intfId(3), 1));
+  table->intfIs(intfRecord(3, 1));
   raw.flip(slotAt(0) + 30, 1);
   EXPECT_THROW(table->intf(intfId(3)), CorruptionDetectedException);
-  table->intfIs(uniformRecord(intfId(3), 2));
+  table->intfIs(intfRecord(3, 2));
   table->doCorruptionDetected("late");
-  EXPECT_EQ(table->intf(intfId(3)), uniformRecord(intfId(3), 2));
+  EXPECT_EQ(table->intf(intfId(3)), intfRecord(3, 2));
 }
 
 TEST_F(CounterTableTest, doesNotBelieveAnIntactRecordOfAnotherKey) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, 1);
+  const auto table = intfTable(1);
   RawObject raw(systemName_, table->path());
-  table->intfIs(uniformRecord(intfId(3), 1));
+  table->intfIs(intfRecord(3, 1));
   SlotMemory forger(raw.bytes(), IntfCounter::kShape, 1);
   std::array<uint64_t, IntfCounter::kShape.recordWords()> words;
-  uniformRecord(intfId(4), 9).toWords(words);
+  intfRecord(4, 9).toWords(words);
   forger.write(0, words);
   EXPECT_THROW(table->intf(intfId(3)), CorruptionDetectedException);
   table->doCorruptionDetected("forged");
@@ -246,7 +254,7 @@ TEST_F(CounterTableTest, doesNotBelieveAnIntactRecordOfAnotherKey) {
 }
 
 TEST_F(CounterTableTest, repairsDamagedFreeSlotsWhenAllIsDeleted) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
+  const auto table = intfTable();
   RawObject raw(systemName_, table->path());
   raw.flip(slotAt(5) + 20, 8);
   const IntfCounterReader reader(systemName_, table->path());
@@ -260,10 +268,10 @@ TEST_F(CounterTableTest, repairsDamagedFreeSlotsWhenAllIsDeleted) {
 }
 
 TEST_F(CounterTableTest, readsThroughAReadOnlyMountAndRefusesToWrite) {
-  const auto writer = mountTable<IntfCounterTable>(systemName_, kCapacity);
-  const auto reader = mountTable<IntfCounterTable>(systemName_, kCapacity, /*readOnly=*/true);
-  writer->intfIs(uniformRecord(intfId(1), 1));
-  EXPECT_EQ(reader->intf(intfId(1)), uniformRecord(intfId(1), 1));
+  const auto writer = intfTable();
+  const auto reader = intfTable(kCapacity, /*readOnly=*/true);
+  writer->intfIs(intfRecord(1, 1));
+  EXPECT_EQ(reader->intf(intfId(1)), intfRecord(1, 1));
   EXPECT_EQ(reader->intf(intfId(2)), IntfCounter());
   EXPECT_EQ(reader->size(), 1u);
   EXPECT_THROW(reader->intfIs(IntfCounter(intfId(1))), std::logic_error);
@@ -273,12 +281,12 @@ TEST_F(CounterTableTest, readsThroughAReadOnlyMountAndRefusesToWrite) {
 
 // No mutex: a handler that runs while another thread is in the table is an ordinary caller.
 TEST_F(CounterTableTest, isUsedByAThreadThatWasNotThereAtTheMount) {
-  const auto table = mountTable<IntfCounterTable>(systemName_, kCapacity);
+  const auto table = intfTable();
   std::thread([&] {
     const RcuThread rcu;
-    table->intfIs(uniformRecord(intfId(1), 1));
+    table->intfIs(intfRecord(1, 1));
   }).join();
-  EXPECT_EQ(table->intf(intfId(1)), uniformRecord(intfId(1), 1));
+  EXPECT_EQ(table->intf(intfId(1)), intfRecord(1, 1));
 }
 
 }  // namespace
