@@ -1,5 +1,6 @@
 #include "bench/CopyFloor.h"
 
+#include <rte_mbuf.h>
 #include <rte_memcpy.h>
 
 #include <array>
@@ -32,20 +33,23 @@ double copyFloorNsPerPacket(bess::PacketPool& pool,
   constexpr unsigned kRoundsPerLook = 64;
 
   std::vector<uint8_t> source(frameBytes, 0x5a);
-  std::array<bess::Packet*, kBurst> burst{};
+  std::array<rte_mbuf*, kBurst> burst{};
+  const auto bytes = static_cast<uint16_t>(frameBytes);
   uint64_t packets = 0;
   const double start = threadSeconds();
   double elapsed = 0;
   do {
     for (unsigned round = 0; round < kRoundsPerLook; ++round) {
       for (unsigned copy = 0; copy < fanOut; ++copy) {
-        if (!pool.allocBulk(burst.data(), kBurst)) {
+        if (rte_pktmbuf_alloc_bulk(pool.pool(), burst.data(), kBurst) != 0) {
           throw std::runtime_error("the packet pool is too small");
         }
-        for (bess::Packet* packet : burst) {
-          rte_memcpy(packet->append(static_cast<uint16_t>(frameBytes)), source.data(), frameBytes);
+        for (rte_mbuf* packet : burst) {
+          packet->data_len = bytes;
+          packet->pkt_len = bytes;
+          rte_memcpy(rte_pktmbuf_mtod(packet, char*), source.data(), frameBytes);
         }
-        bess::Packet::Free(burst.data(), kBurst);
+        rte_pktmbuf_free_bulk(burst.data(), kBurst);
       }
       packets += kBurst;
     }

@@ -31,7 +31,6 @@ const Block kEverything = {{Mode::kIpv4, Mode::kIpv4Bare, Mode::kIpv6},
 std::vector<Block> defaultBlocks() {
   return {{{Mode::kIpv4}, {64, 512, 1500}, {1, 4, 16, 64}, {1000}},
           {{Mode::kIpv4}, {64, 1500}, {1, 4, 16}, {1}},
-          {{Mode::kIpv4}, {64}, {1}, {100000, kMillion}},
           {{Mode::kIpv4Bare}, {64}, {1, 4, 16}, {1000}},
           {{Mode::kIpv6}, {64, 1500}, {1, 4, 16}, {1000}}};
 }

@@ -19,7 +19,7 @@ GROUP = "239.3.0.1"
 SOURCE = "10.1.0.2"
 PAYLOAD = 22  # 64 bytes with UDP, IPv4 and Ethernet headers
 MOST_LOSS = 0.001
-STEPS = 7
+STEPS = 6
 # linux/mroute.h
 MRT_INIT, MRT_ADD_VIF, MRT_ADD_MFC = 200, 202, 204
 VIFF_USE_IFINDEX = 8
@@ -71,15 +71,11 @@ class Measurement:
         self.seconds = seconds
         router.route_to(receivers)
 
-    def _arrived(self):
-        """The fewest packets that one of the receivers has had."""
-        return min(self._packets(host) for host in self.receivers)
-
     @staticmethod
     def _packets(host):
-        text = subprocess.run(["ip", "-n", host.name, "-j", "-s", "link", "show", "eth0"], check=True,
-                              capture_output=True, text=True).stdout
-        return json.loads(text)[0]["stats64"]["rx"]["packets"]
+        """What the interface of a host has received; its line in /proc/net/dev."""
+        with host.entered(), open("/proc/thread-self/net/dev", encoding="ascii") as lines:
+            return next(int(line.split(":")[1].split()[1]) for line in lines if line.strip().startswith("eth0:"))
 
     def attempt(self, rate):
         """(packets sent in a second, the share of them that one of the receivers missed)."""
@@ -129,7 +125,7 @@ def _measure(make, receivers, runs, seconds):
 
 
 def measure(options):
-    receivers, runs, seconds = ([1], 1, 0.02) if options.short else ([1, 4, 16], 5, 0.25)
+    receivers, runs, seconds = ([1], 1, 0.02) if options.short else ([1, 4, 16], 5, 0.1)
     kernel = _measure(KernelRouter, receivers, runs, seconds)
     daemon = _measure(DaemonRouter, receivers, runs, seconds)
     rows = []

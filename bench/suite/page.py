@@ -21,6 +21,7 @@ the worker, so other load on the machine does not count as cost, but for the cac
 _READING = {
     "forwarding": "A source with flows in random order, the multicast module, a sink, on one worker that spins. "
                   "`ipv4-bare` packets come without an Ethernet header.",
+    "tables": "64-byte packets to one interface; each flow has its route, and flows come in random order.",
     "scenarios": "64-byte packets. *Beside the flood*: two sources take turns on one worker; installed traffic keeps "
                  "its share when it reaches half of what it reaches alone. The rows of two workers say how many times "
                  "one worker's rate both reach together, to four interfaces each.",
@@ -32,7 +33,7 @@ _READING = {
               "thousand. The kernel forwards on the sender's core, inside of its system call; the daemon takes the "
               "frames from packet sockets and works on the other core. *Ratio*: the daemon's rate over the kernel's.",
 }
-_TITLES = {"forwarding": "The multicast module", "scenarios": "Beside plain forwarding", "engine": "The engine below", "control": "The control plane",
+_TITLES = {"forwarding": "The multicast module", "tables": "Large tables", "scenarios": "Beside plain forwarding", "engine": "The engine below", "control": "The control plane",
            "kernel": "Beside the kernel"}
 _PLOTS = """
 ![cost of a copy over fan-out](../pictures/bench-fan-out.svg)

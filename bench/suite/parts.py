@@ -30,14 +30,20 @@ def program(path, *arguments):
         return json.loads(file.read_text())
 
 
-def in_memory(part, options):
+def in_memory(part, options, *lists):
     extent = ["--short"] if options.short else ["--full"] if options.full else []
     huge = ["--huge", options.huge] if options.huge else []
-    return program(BIN / "forwarding_bench", *extent, *huge, "--only", part)
+    return program(BIN / "forwarding_bench", *extent, *huge, "--only", part, *lists)
 
 
 def forwarding(options):
     return in_memory("matrix", options)
+
+
+def tables(options):
+    """Flows in random order over ever larger tables."""
+    routes = "1,1000" if options.short else "1,1000,100000,1000000"
+    return in_memory("matrix", options, "--modes", "ipv4", "--sizes", "64", "--fan-outs", "1", "--routes", routes)
 
 
 def scenarios(options):
@@ -79,5 +85,5 @@ def units(options):
     return []
 
 
-PARTS = {"forwarding": forwarding, "scenarios": scenarios, "engine": engine, "control": control,
-         "kernel": kernel_routing, "units": units}
+PARTS = {"forwarding": forwarding, "tables": tables, "scenarios": scenarios, "engine": engine,
+         "control": control, "kernel": kernel_routing, "units": units}

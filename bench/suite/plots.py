@@ -91,7 +91,7 @@ def cost_over_routes(rows):
             if row.get("group") == "forwarding" and row["mode"] == "ipv4" and row["bytes"] == 64]
     lines = {}
     for fan_out in sorted({row["fan_out"] for row in rows}):
-        points = [(row["routes"], row["ns_per_packet"]) for row in rows if row["fan_out"] == fan_out]
+        points = {row["routes"]: row["ns_per_packet"] for row in rows if row["fan_out"] == fan_out}.items()
         if len(points) > 1:
             name = "interface" if fan_out == 1 else "interfaces"
             lines[f"to {fan_out:.0f} {name}"] = _line(points)

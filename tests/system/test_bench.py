@@ -13,7 +13,7 @@ FIELDS = {"name": str, "unit": str, "median": (int, float), "min": (int, float),
 @pytest.fixture(scope="module")
 def results(tmp_path_factory):
     output = tmp_path_factory.mktemp("bench")
-    ended = subprocess.run([str(ROOT / "bench" / "run"), "--short", "--only", "forwarding,scenarios,engine,kernel",
+    ended = subprocess.run([str(ROOT / "bench" / "run"), "--short", "--only", "forwarding,tables,scenarios,engine,kernel",
                             "--output", str(output)], capture_output=True, text=True, timeout=120)
     assert ended.returncode == 0, ended.stderr[-4000:] + ended.stdout[-1000:]
     return output
@@ -25,10 +25,10 @@ def rows(results):
 
 
 def test_each_part_has_rows_of_one_form(rows):
-    assert set(rows) == {"forwarding", "scenarios", "engine", "kernel"}
-    names = [row["name"] for found in rows.values() for row in found]
-    assert len(names) == len(set(names))
+    assert set(rows) == {"forwarding", "tables", "scenarios", "engine", "kernel"}
     for found in rows.values():
+        names = [row["name"] for row in found]
+        assert names and len(names) == len(set(names))
         for row in found:
             for field, kind in FIELDS.items():
                 assert isinstance(row[field], kind), row
