@@ -55,15 +55,11 @@ struct MfibKey {
     return key;
   }
 
-  // The same for IPv4, in registers: whole words are stored, so that what reads them next does not
-  // wait for smaller stores.
-  static MfibKey ofIpv4(const uint8_t* source, const uint8_t* group) {
-    static_assert(std::endian::native == std::endian::little);
-    uint32_t from = 0;
-    uint32_t to = 0;
-    std::memcpy(&from, source, kIpv4AddrLen);
-    std::memcpy(&to, group, kIpv4AddrLen);
-    return std::bit_cast<MfibKey>(Words{from, 0, to, 0});
+  // The same for IPv4, in place and in whole words: what reads it next does not wait for smaller
+  // stores.
+  void ipv4Is(const uint8_t* sourceBytes, const uint8_t* groupBytes) {
+    put(source, sourceBytes);
+    put(group, groupBytes);
   }
 
   friend bool operator==(const MfibKey& a, const MfibKey& b) {
@@ -75,6 +71,16 @@ struct MfibKey {
 
  private:
   using Words = std::array<uint64_t, 4>;
+
+  static void put(AddrBytes& to, const uint8_t* ipv4) {
+    static_assert(std::endian::native == std::endian::little);
+    uint32_t address = 0;
+    std::memcpy(&address, ipv4, kIpv4AddrLen);
+    const uint64_t first = address;
+    const uint64_t rest = 0;
+    std::memcpy(to.data(), &first, sizeof(first));
+    std::memcpy(to.data() + sizeof(first), &rest, sizeof(rest));
+  }
 };
 static_assert(sizeof(MfibKey) == 32);
 

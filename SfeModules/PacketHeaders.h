@@ -117,8 +117,8 @@ inline Parsed parseIpv4(bess::Packet* packet, size_t ipOffset, PacketHeaders& he
   }
   headers.ipOffset = static_cast<uint32_t>(inUse);
   headers.ttl = reader.byte(inUse + offsetof(rte_ipv4_hdr, time_to_live));
-  headers.key = MfibKey::ofIpv4(reader.at(inUse + offsetof(rte_ipv4_hdr, src_addr)),
-                                reader.at(inUse + offsetof(rte_ipv4_hdr, dst_addr)));
+  headers.key.ipv4Is(reader.at(inUse + offsetof(rte_ipv4_hdr, src_addr)),
+                     reader.at(inUse + offsetof(rte_ipv4_hdr, dst_addr)));
   return Parsed::kOk;
 }
 

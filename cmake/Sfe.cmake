@@ -25,6 +25,8 @@ set(SFE_SANITIZE "" CACHE STRING "Sanitizers for every target, as -fsanitize= ta
 add_compile_options(-Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
                     -Wformat=2 -Wimplicit-fallthrough -Wvla -Werror)
 add_compile_definitions(_GNU_SOURCE)
+# Nobody replaces a function of a library from outside, so a library may inline its own.
+add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
 if(SFE_HARDENING)
   add_compile_options(-fstack-protector-strong -Werror=format-security $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
   add_link_options(-Wl,-z,relro,-z,now)
