@@ -105,6 +105,9 @@ class ControlService final : public pb::BESSControl::Service {
   grpc::Status ModuleCommandStream(
       grpc::ServerContext* context,
       grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) override;
+  grpc::Status ModuleCommandBatchStream(
+      grpc::ServerContext* context,
+      grpc::ServerReaderWriter<pb::CommandResponseBatch, pb::ModuleCommandBatch>* stream) override;
   static constexpr int kMaxStreams = 16;
 
  private:
@@ -124,7 +127,12 @@ class ControlService final : public pb::BESSControl::Service {
   }
   grpc::Status onControlThread(const std::function<void()>& work);
   static pb::Error currentError();  // of the exception being handled
-  bool takeStream();                // false: there are kMaxStreams already
+  // A stream whose messages carry commands in the given form, from its beginning to its end.
+  template <class Form>
+  grpc::Status runCommands(
+      grpc::ServerContext& context,
+      grpc::ServerReaderWriter<typename Form::Response, typename Form::Request>& stream);
+  bool takeStream();  // false: there are kMaxStreams already
   void returnStream() {
     streams_.fetch_sub(1, std::memory_order_relaxed);
   }

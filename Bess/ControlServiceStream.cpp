@@ -1,5 +1,6 @@
-// The control service's stream of module commands: what has arrived runs together, in one turn of
+// The control service's streams of module commands: what has arrived runs together, in few turns of
 // the control thread, and is answered together.
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -12,24 +13,60 @@
 namespace bess {
 namespace {
 
-// Other clients wait for at most one group of each stream.
-constexpr size_t kMaxGroup = 256;
+// Other clients wait for at most so many commands of each stream.
+constexpr size_t kMaxTurn = 256;
 
-// Requests in the order of arrival. Those behind `count` have run; their memory is used again.
-struct Group {
-  std::vector<pb::ModuleCommandRequest> requests;
-  size_t count = 0;
+// The forms that a stream's messages have: one command and its answer, or a batch of either.
+struct SingleForm {
+  using Request = pb::ModuleCommandRequest;
+  using Response = pb::CommandResponse;
+  static constexpr const char* kMethod = "ModuleCommandStream";
+
+  static size_t count(const Request&) { return 1; }
+  static const pb::ModuleCommandRequest& command(const Request& request, size_t) { return request; }
+  static bool endsWithRefusal(const Request&) { return false; }
+  static void clear(Response&) {}
+  static pb::CommandResponse& addAnswer(Response& response) { return response; }
 };
 
-// What was read and has not run yet: at most one group, so that a client that sends faster than
-// commands run is slowed down by the transport.
+struct BatchForm {
+  using Request = pb::ModuleCommandBatch;
+  using Response = pb::CommandResponseBatch;
+  static constexpr const char* kMethod = "ModuleCommandBatchStream";
+
+  static size_t count(const Request& request) {
+    return static_cast<size_t>(request.commands_size());
+  }
+  static const pb::ModuleCommandRequest& command(const Request& request, size_t index) {
+    return request.commands(static_cast<int>(index));
+  }
+  static bool endsWithRefusal(const Request& request) { return request.until_refused(); }
+  static void clear(Response& response) { response.Clear(); }
+  static pb::CommandResponse& addAnswer(Response& response) { return *response.add_responses(); }
+};
+
+// Messages in the order of arrival. Those behind `count` have run; their memory is used again.
+template <class Form>
+struct Group {
+  std::vector<typename Form::Request> requests;
+  size_t count = 0;
+  size_t commands = 0;  // of them all
+};
+
+// What was read and has not run yet: one message, or as many as have the commands of one turn, so
+// that a client that sends faster than commands run is slowed down by the transport.
+template <class Form>
 class ReadAhead {
  public:
   // Waits for room; `request` becomes one that has run. Returns: false when nobody takes requests
   // any more.
-  bool put(pb::ModuleCommandRequest& request) {
+  bool put(typename Form::Request& request) {
+    const size_t commands = Form::count(request);
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return waiting_.count < kMaxGroup || closed_; });
+    room_.wait(lock, [this, commands] {
+      return waiting_.count == 0 ||
+             (waiting_.count < kMaxTurn && waiting_.commands + commands <= kMaxTurn) || closed_;
+    });
     if (closed_) {
       return false;
     }
@@ -37,6 +74,7 @@ class ReadAhead {
       waiting_.requests.emplace_back();
     }
     waiting_.requests[waiting_.count++].Swap(&request);
+    waiting_.commands += commands;
     if (waiting_.count == 1) {
       arrived_.notify_one();
     }
@@ -54,8 +92,9 @@ class ReadAhead {
 
   // Waits for requests and takes all there are. Returns: false when there are none and will be
   // none.
-  bool take(Group& group) {
+  bool take(Group<Form>& group) {
     group.count = 0;
+    group.commands = 0;
     std::unique_lock lock(mutex_);
     arrived_.wait(lock, [this] { return waiting_.count > 0 || closed_; });
     std::swap(group, waiting_);
@@ -67,16 +106,62 @@ class ReadAhead {
   std::mutex mutex_;
   std::condition_variable room_;
   std::condition_variable arrived_;
-  Group waiting_;        // guarded by mutex_
+  Group<Form> waiting_;  // guarded by mutex_
   bool closed_ = false;  // guarded by mutex_
+};
+
+// The commands of one group, one after another, and their answers.
+template <class Form>
+class Turns {
+ public:
+  explicit Turns(bool& ended) : ended_(ended) {}
+
+  void begin(const Group<Form>& group) {
+    group_ = &group;
+    message_ = 0;
+    command_ = 0;
+    if (answers_.size() < group.count) {
+      answers_.resize(group.count);
+    }
+    std::for_each_n(answers_.begin(), group.count, &Form::clear);
+  }
+  bool done() const { return message_ == group_->count; }
+  const typename Form::Response& answer(size_t index) const { return answers_[index]; }
+
+  // On the control thread. Runs as many commands as one turn may have.
+  void run() {
+    for (size_t left = kMaxTurn; !done();) {
+      const typename Form::Request& request = group_->requests[message_];
+      if (ended_ || command_ == Form::count(request)) {
+        ++message_;
+        command_ = 0;
+        continue;
+      }
+      if (left-- == 0) {
+        return;
+      }
+      const pb::ModuleCommandRequest& one = Form::command(request, command_++);
+      pb::CommandResponse& answer = Form::addAnswer(answers_[message_]);
+      answer = ModuleGraph::runCommand(one.module(), one.command(), one.arg());
+      ended_ = answer.has_error() && Form::endsWithRefusal(request);
+    }
+  }
+
+ private:
+  bool& ended_;  // no command of the call runs any more
+  const Group<Form>* group_ = nullptr;
+  size_t message_ = 0;  // the command that is next
+  size_t command_ = 0;
+  std::vector<typename Form::Response> answers_;
 };
 
 }  // namespace
 
-grpc::Status ControlService::ModuleCommandStream(
-    grpc::ServerContext* context,
-    grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) {
-  if (grpc::Status allowed = access_.check(*context, "ModuleCommandStream"); !allowed.ok()) {
+template <class Form>
+grpc::Status ControlService::runCommands(
+    grpc::ServerContext& context,
+    grpc::ServerReaderWriter<typename Form::Response, typename Form::Request>& stream) {
+  if (grpc::Status allowed = access_.check(context, Form::kMethod); !allowed.ok()) {
     return allowed;
   }
   if (!takeStream()) {
@@ -86,44 +171,54 @@ grpc::Status ControlService::ModuleCommandStream(
     ControlService& service;
     ~Slot() { service.returnStream(); }
   } const slot{*this};
-  ReadAhead readAhead;
+  ReadAhead<Form> readAhead;
   std::jthread reader([&] {
-    pb::ModuleCommandRequest request;
-    while (stream->Read(&request) && readAhead.put(request)) {
+    typename Form::Request request;
+    while (stream.Read(&request) && readAhead.put(request)) {
     }
     readAhead.close();
   });
   grpc::Status status;
-  Group group;
-  std::vector<pb::CommandResponse> answers;
+  Group<Form> group;
+  bool ended = false;
+  Turns<Form> turns(ended);
   bool reading = true;
   while (status.ok() && reading && readAhead.take(group)) {
-    answers.resize(group.count);
-    status = onControlThread([&] {
-      for (size_t i = 0; i < group.count; ++i) {
-        const pb::ModuleCommandRequest& one = group.requests[i];
-        answers[i] = ModuleGraph::runCommand(one.module(), one.command(), one.arg());
-      }
-    });
+    turns.begin(group);
+    while (status.ok() && !turns.done()) {
+      status = onControlThread([&turns] { turns.run(); });
+    }
     // All but the last wait in the transport's buffer for it.
-    for (size_t i = 0; status.ok() && reading && i < answers.size(); ++i) {
+    for (size_t i = 0; status.ok() && reading && i < group.count; ++i) {
       grpc::WriteOptions options;
-      if (i + 1 < answers.size()) {
+      if (i + 1 < group.count) {
         options.set_buffer_hint();
       }
-      reading = stream->Write(answers[i], options);
+      reading = stream.Write(turns.answer(i), options);
     }
   }
   if (!status.ok() || !reading) {
     readAhead.close();
-    context->TryCancel();  // ends the read under way
+    context.TryCancel();  // ends the read under way
   }
   reader.join();
   if (!status.ok()) {
     return status;
   }
-  return context->IsCancelled() ? grpc::Status(grpc::StatusCode::CANCELLED, "the client gave up")
-                                : grpc::Status::OK;
+  return context.IsCancelled() ? grpc::Status(grpc::StatusCode::CANCELLED, "the client gave up")
+                               : grpc::Status::OK;
+}
+
+grpc::Status ControlService::ModuleCommandStream(
+    grpc::ServerContext* context,
+    grpc::ServerReaderWriter<pb::CommandResponse, pb::ModuleCommandRequest>* stream) {
+  return runCommands<SingleForm>(*context, *stream);
+}
+
+grpc::Status ControlService::ModuleCommandBatchStream(
+    grpc::ServerContext* context,
+    grpc::ServerReaderWriter<pb::CommandResponseBatch, pb::ModuleCommandBatch>* stream) {
+  return runCommands<BatchForm>(*context, *stream);
 }
 
 }  // namespace bess

@@ -1,6 +1,7 @@
 // The stream of module commands: order, refusals, pauses, clients that leave or never read.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <thread>
 #include <vector>
@@ -23,14 +24,19 @@ class Streamed final : public Module {
     if (arg.name() == "throw") {
       throw std::system_error(EIO, std::generic_category(), "it broke");
     }
+    if (arg.name() == "meanwhile") {
+      meanwhile_();
+    }
     pb::NameRequest answer;
     answer.set_name((workersPaused() ? "paused " : "running ") + arg.name());
     runs_++;
     return CommandSuccess(answer);
   }
   static std::atomic<int> runs_;
+  static std::function<void()> meanwhile_;
 };
 std::atomic<int> Streamed::runs_{0};
+std::function<void()> Streamed::meanwhile_;
 
 const ModuleRegistration<Streamed> kStreamedClass(
     {.name = "Streamed",
@@ -58,6 +64,12 @@ class ControlServiceStreamTest : public ControlTest {
     return request;
   }
 
+  static std::string textOf(const pb::CommandResponse& response) {
+    pb::NameRequest text;
+    response.data().UnpackTo(&text);
+    return response.has_error() ? std::to_string(response.error().code()) : text.name();
+  }
+
   std::unique_ptr<Stream> open(grpc::ClientContext& context) {
     context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(60));
     return stub_->ModuleCommandStream(&context);
@@ -75,10 +87,7 @@ class ControlServiceStreamTest : public ControlTest {
     });
     std::vector<std::string> answers;
     for (pb::CommandResponse response; stream->Read(&response);) {
-      pb::NameRequest text;
-      response.data().UnpackTo(&text);
-      answers.push_back(response.has_error() ? std::to_string(response.error().code())
-                                             : text.name());
+      answers.push_back(textOf(response));
     }
     writer.join();
     const grpc::Status status = stream->Finish();
@@ -116,6 +125,144 @@ TEST_F(ControlServiceStreamTest, goesOnAfterARefusedCommand) {
             (std::vector<std::string>{"running a", std::to_string(EPERM), std::to_string(EIO),
                                       std::to_string(ENOENT), std::to_string(ENOENT),
                                       std::to_string(ENOENT), "running ", "running b"}));
+}
+
+// Commands in messages of several.
+class ControlServiceBatchTest : public ControlServiceStreamTest {
+ protected:
+  using Batches = grpc::ClientReaderWriter<pb::ModuleCommandBatch, pb::CommandResponseBatch>;
+  using Answers = std::vector<std::vector<std::string>>;
+
+  static pb::ModuleCommandBatch batch(const std::vector<pb::ModuleCommandRequest>& commands,
+                                      bool untilRefused = false) {
+    pb::ModuleCommandBatch message;
+    for (const auto& command : commands) {
+      *message.add_commands() = command;
+    }
+    message.set_until_refused(untilRefused);
+    return message;
+  }
+
+  std::unique_ptr<Batches> openBatches(grpc::ClientContext& context) {
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(60));
+    return stub_->ModuleCommandBatchStream(&context);
+  }
+
+  // The answers to all of them, message by message.
+  Answers runBatches(const std::vector<pb::ModuleCommandBatch>& messages) {
+    grpc::ClientContext context;
+    auto stream = openBatches(context);
+    std::thread writer([&] {
+      for (const auto& message : messages) {
+        stream->Write(message);
+      }
+      stream->WritesDone();
+    });
+    Answers answers;
+    for (pb::CommandResponseBatch response; stream->Read(&response);) {
+      answers.emplace_back();
+      for (const pb::CommandResponse& one : response.responses()) {
+        answers.back().push_back(textOf(one));
+      }
+    }
+    writer.join();
+    const grpc::Status status = stream->Finish();
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    return answers;
+  }
+};
+
+TEST_F(ControlServiceBatchTest, answersInOrder) {
+  // More commands than run in one turn of the control thread, and messages of every size.
+  std::vector<pb::ModuleCommandBatch> messages;
+  Answers expected;
+  int number = 0;
+  for (const int size : {1, 300, 2, 0, 255, 256, 257, 1000, 1, 1, 1}) {
+    std::vector<pb::ModuleCommandRequest> commands;
+    expected.emplace_back();
+    for (int i = 0; i < size; ++i, ++number) {
+      commands.push_back(command("safe", std::to_string(number)));
+      expected.back().push_back("running " + std::to_string(number));
+    }
+    messages.push_back(batch(commands));
+  }
+  EXPECT_EQ(runBatches(messages), expected);
+  EXPECT_EQ(Streamed::runs_, number);
+  EXPECT_TRUE(runBatches({}).empty());
+}
+
+TEST_F(ControlServiceBatchTest, goesOnAfterARefusedCommand) {
+  auto elsewhere = command("safe", "x");
+  elsewhere.set_module("two");
+  EXPECT_EQ(runBatches({batch({command("safe", "a"),
+                               command("safe", "refuse"),
+                               elsewhere,
+                               {},
+                               command("safe", "throw"),
+                               command("safe", "b")}),
+                        batch({command("unsafe", "c")})}),
+            (Answers{{"running a", std::to_string(EPERM), std::to_string(ENOENT),
+                      std::to_string(ENOENT), std::to_string(EIO), "running b"},
+                     {"paused c"}}));
+}
+
+TEST_F(ControlServiceBatchTest, endsWithARefusedCommandWhenAskedTo) {
+  EXPECT_EQ(
+      runBatches(
+          {batch({command("safe", "a"), command("safe", "refuse")}),
+           batch({command("safe", "b"), command("safe", "refuse"), command("safe", "c")}, true),
+           batch({command("safe", "d")}), batch({command("safe", "e")}, true)}),
+      (Answers{
+          {"running a", std::to_string(EPERM)}, {"running b", std::to_string(EPERM)}, {}, {}}));
+  EXPECT_EQ(Streamed::runs_, 2);
+}
+
+TEST_F(ControlServiceBatchTest, servesOthersBetweenTheTurnsOfAMessage) {
+  // What is asked for while the first command runs has its turn before the last one.
+  int runsBefore = 0;
+  Streamed::meanwhile_ = [&] { control_.post([&] { runsBefore = Streamed::runs_; }); };
+  std::vector<pb::ModuleCommandRequest> commands(5000, command("safe", "a"));
+  commands[0] = command("safe", "meanwhile");
+  EXPECT_EQ(runBatches({batch(commands)})[0].size(), 5000u);
+  Streamed::meanwhile_ = nullptr;
+  EXPECT_GT(runsBefore, 0);
+  EXPECT_LT(runsBefore, 1000);
+}
+
+TEST_F(ControlServiceBatchTest, slowsDownAClientThatReadsNothing) {
+  grpc::ClientContext context;
+  auto stream = openBatches(context);
+  const auto message =
+      batch(std::vector<pb::ModuleCommandRequest>(100, command("safe", std::string(1000, 'x'))));
+  std::atomic<int> written{0};
+  std::thread writer([&] {
+    while (stream->Write(message)) {
+      written++;
+    }
+  });
+  int before = -1;
+  while (before != written || written == 0) {
+    before = written;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  expectAlive(1);
+  context.TryCancel();
+  writer.join();
+  EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::CANCELLED);
+  expectAlive(1);
+}
+
+TEST_F(ControlServiceBatchTest, refusesAMessageThatIsTooLarge) {
+  grpc::ClientContext context;
+  auto stream = openBatches(context);
+  const std::string text(100'000, 'x');
+  stream->Write(batch(std::vector<pb::ModuleCommandRequest>(
+      ControlServer::kMaxRequestBytes / text.size() + 1, command("safe", text))));
+  pb::CommandResponseBatch answers;
+  EXPECT_FALSE(stream->Read(&answers));
+  EXPECT_FALSE(stream->Finish().ok());
+  EXPECT_EQ(Streamed::runs_, 0);
+  expectAlive(1);
 }
 
 TEST_F(ControlServiceStreamTest, pausesForItselfOnly) {
@@ -204,6 +351,7 @@ TEST_F(ControlServiceStreamTest, endsWithTheServer) {
 }
 
 TEST_F(ControlServiceStreamTest, endsWithTheControlThread) {
+  EXPECT_EQ(call(&Stub::DestroyModule, named("one")).error().code(), 0);
   control_.stop();
   grpc::ClientContext context;
   auto stream = open(context);
