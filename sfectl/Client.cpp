@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -85,6 +86,24 @@ std::string hint(const std::string& target) {
   return tryConnect(path) == EACCES ? whoMay(path) : "";
 }
 
+// As many commands as one message should carry. Returns: how many.
+size_t fill(bess::pb::ModuleCommandBatch& batch,
+            std::span<const bess::pb::ModuleCommandRequest* const> requests) {
+  constexpr size_t kCommands = 256;
+  constexpr size_t kBytes = 256 << 10;  // more only for a single command
+  batch.mutable_commands()->Clear();
+  size_t count = 0;
+  size_t bytes = 0;
+  for (; count < std::min(kCommands, requests.size()); ++count) {
+    bytes += requests[count]->ByteSizeLong();
+    if (count > 0 && bytes > kBytes) {
+      break;
+    }
+    *batch.add_commands() = *requests[count];
+  }
+  return count;
+}
+
 }  // namespace
 
 Client::Client(const std::string& target, const ClientTls& tls)
@@ -142,6 +161,45 @@ bess::pb::CommandResponse Client::command(const std::string& module,
   google::protobuf::Any any;
   any.PackFrom(arg);
   return command(module, name, any);
+}
+
+void Client::commands(std::span<const bess::pb::ModuleCommandRequest* const> requests,
+                      size_t& done) {
+  while (!requests.empty()) {
+    const size_t now = std::min(requests.size(), kMaxStreamed);
+    stream(requests.first(now), done);
+    requests = requests.subspan(now);
+  }
+}
+
+// One thread writes and reads: what is under way is bounded, and its answers are a few bytes each,
+// so that the daemon can always write them and never stops reading.
+void Client::stream(std::span<const bess::pb::ModuleCommandRequest* const> requests, size_t& done) {
+  constexpr size_t kUnderWay = 1024;  // commands
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
+  const auto call = stub_->ModuleCommandBatchStream(&context);
+  bess::pb::ModuleCommandBatch batch;
+  batch.set_until_refused(true);
+  bess::pb::CommandResponseBatch answers;
+  size_t sent = 0;
+  bool open = true;
+  for (size_t answered = 0; open && answered < requests.size();) {
+    while (open && sent < requests.size() && sent < answered + kUnderWay) {
+      sent += fill(batch, requests.subspan(sent));
+      open = call->Write(batch);
+    }
+    open = open && call->Read(&answers);
+    for (int i = 0; open && i < answers.responses_size(); ++i, ++answered, ++done) {
+      if (const auto& error = answers.responses(i).error(); error.code() != 0) {
+        context.TryCancel();
+        call->Finish();
+        check(error);
+      }
+    }
+  }
+  call->WritesDone();
+  check(call->Finish());
 }
 
 std::vector<char> Client::state(const std::string& module,

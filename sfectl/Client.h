@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,12 @@ class Client {
                                     const std::string& name,
                                     const google::protobuf::Message& arg);
 
+  // Many commands, over one call for every kMaxStreamed of them: in their order, until one is
+  // refused; none behind that one runs. `done` grows by the commands that ran, also when this
+  // throws; when the connection breaks, some of the others may have run, too.
+  void commands(std::span<const bess::pb::ModuleCommandRequest* const> requests, size_t& done);
+  static constexpr size_t kMaxStreamed = 16384;
+
   // The text of a state (sfectl/StateText.h reads it), in one pass.
   std::vector<char> state(const std::string& module,
                           const std::string& name,
@@ -73,6 +80,7 @@ class Client {
  private:
   void check(const grpc::Status& status) const;
   void check(const bess::pb::Error& error) const;
+  void stream(std::span<const bess::pb::ModuleCommandRequest* const> requests, size_t& done);
 
   std::string target_;
   std::unique_ptr<Stub> stub_;

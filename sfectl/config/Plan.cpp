@@ -19,6 +19,16 @@ const char* word(Change change) {
                      " steps are done and stay; the same command continues from here");
 }
 
+// The commands of the steps from `at` on, up to the next step that is none.
+std::vector<const bess::pb::ModuleCommandRequest*> commandsFrom(const std::vector<Step>& steps,
+                                                                size_t at) {
+  std::vector<const bess::pb::ModuleCommandRequest*> commands;
+  for (; at < steps.size() && steps[at].command.has_value(); ++at) {
+    commands.push_back(&*steps[at].command);
+  }
+  return commands;
+}
+
 }  // namespace
 
 bess::pb::PortInfo Executor::port(const std::string& name) {
@@ -58,13 +68,14 @@ Json Plan::toJson() const {
 
 void Plan::execute(Client& client) const {
   Executor executor(client);
-  for (size_t at = 0; at < steps.size(); ++at) {
-    const Step& step = steps[at];
+  for (size_t at = 0; at < steps.size();) {
+    const auto commands = commandsFrom(steps, at);
     try {
-      if (step.command.has_value()) {
-        client.command(step.command->module(), step.command->command(), step.command->arg());
+      if (commands.empty()) {
+        steps[at].run(executor);
+        ++at;
       } else {
-        step.run(executor);
+        client.commands(commands, at);
       }
     } catch (const RuntimeError& error) {
       fail(steps, at, error.what());
