@@ -1,5 +1,9 @@
 #include "Sfe/Multicast/Crc32c.h"
 
+#if defined(__x86_64__)
+#include <nmmintrin.h>
+#endif
+
 #include <array>
 #include <bit>
 #include <cstring>
@@ -41,9 +45,27 @@ uint32_t addWord(uint64_t word, uint32_t crc) {
   return next;
 }
 
+#if defined(__x86_64__)
+[[gnu::target("sse4.2")]] uint32_t crc32cByInstruction(std::span<const std::byte> bytes,
+                                                       uint32_t crc) {
+  uint64_t state = ~crc;
+  while (bytes.size() >= sizeof(uint64_t)) {
+    uint64_t word;
+    std::memcpy(&word, bytes.data(), sizeof word);
+    state = _mm_crc32_u64(state, word);
+    bytes = bytes.subspan(sizeof word);
+  }
+  auto rest = static_cast<uint32_t>(state);
+  for (const std::byte byte : bytes) {
+    rest = _mm_crc32_u8(rest, static_cast<uint8_t>(byte));
+  }
+  return ~rest;
+}
+#endif
+
 }  // namespace
 
-uint32_t crc32c(std::span<const std::byte> bytes, uint32_t crc) {
+uint32_t crc32cByTables(std::span<const std::byte> bytes, uint32_t crc) {
   crc = ~crc;
   if constexpr (std::endian::native == std::endian::little) {
     while (bytes.size() >= sizeof(uint64_t)) {
@@ -57,6 +79,15 @@ uint32_t crc32c(std::span<const std::byte> bytes, uint32_t crc) {
     crc = (crc >> 8) ^ kTables[0][(crc ^ static_cast<uint8_t>(byte)) & 0xff];
   }
   return ~crc;
+}
+
+uint32_t crc32c(std::span<const std::byte> bytes, uint32_t crc) {
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("sse4.2")) {
+    return crc32cByInstruction(bytes, crc);
+  }
+#endif
+  return crc32cByTables(bytes, crc);
 }
 
 }  // namespace Sfe::Multicast

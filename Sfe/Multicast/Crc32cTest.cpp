@@ -21,6 +21,18 @@ TEST(Crc32c, givesThePublishedValues) {
   EXPECT_EQ(crc32c(ones), 0x62a8ab43u);
 }
 
+TEST(Crc32c, isTheSameWithAndWithoutTheInstruction) {
+  std::vector<std::byte> bytes;
+  uint32_t random = 1;
+  for (int length = 0; length < 200; ++length) {
+    const uint32_t start = random;
+    EXPECT_EQ(crc32c(bytes, start), crc32cByTables(bytes, start)) << length;
+    random = random * 1664525 + 1013904223;
+    bytes.push_back(static_cast<std::byte>(random >> 24));
+  }
+  EXPECT_EQ(crc32cByTables(bytesOf("123456789")), 0xe3069283u);
+}
+
 TEST(Crc32c, goesOnWhereAnEarlierCallEnded) {
   const std::string_view text = "a text that is longer than two words of eight bytes";
   const uint32_t whole = crc32c(bytesOf(text));
