@@ -235,11 +235,9 @@ bool CounterStore::put(std::span<const uint64_t> record) {
 // A node for `slot`, which it owns and has claimed.
 std::unique_ptr<CounterStore::Node> CounterStore::makeNode(uint32_t slot,
                                                            std::span<const uint64_t> key) {
-  auto node = std::make_unique<Node>();
+  std::unique_ptr<Node> node = Node::make(key);
   node->tag = nextTag_.fetch_add(2 * kClaimed);
   node->slot = slot;
-  node->keyWords = static_cast<uint32_t>(key.size());
-  std::copy(key.begin(), key.end(), node->keyStorage.begin());
   owners_[slot].store(node->tag | kClaimed, std::memory_order_release);
   return node;
 }

@@ -9,6 +9,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <span>
 
 #include "Sfe/Multicast/CounterStore.h"
@@ -52,16 +54,31 @@ class Spinner {
   unsigned turns_ = 0;
 };
 
-// What the index holds of a record. Constant once it is in the index.
+// What the index holds of a record, and behind it the words of its key. Constant once it is in the
+// index.
 struct CounterStore::Node {
   cds_lfht_node hashNode;
   rcu_head reclaim;
   uint64_t tag;  // even, never 0, never used twice
   uint32_t slot;
   uint32_t keyWords;
-  std::array<uint64_t, kMaxRecordWords> keyStorage;
 
-  std::span<const uint64_t> key() const { return std::span(keyStorage).first(keyWords); }
+  static std::unique_ptr<Node> make(std::span<const uint64_t> key) {
+    std::unique_ptr<Node> node(new (KeyRoom{key.size_bytes()}) Node());
+    node->keyWords = static_cast<uint32_t>(key.size());
+    std::copy(key.begin(), key.end(), reinterpret_cast<uint64_t*>(node.get() + 1));
+    return node;
+  }
+  std::span<const uint64_t> key() const {
+    return {reinterpret_cast<const uint64_t*>(this + 1), keyWords};
+  }
+
+  struct KeyRoom {
+    size_t bytes;
+  };
+  static void* operator new(size_t bytes, KeyRoom key) { return ::operator new(bytes + key.bytes); }
+  static void operator delete(void* node) { ::operator delete(node); }
+  static void operator delete(void* node, KeyRoom /*key*/) { ::operator delete(node); }
 
   static Node* of(cds_lfht_node* hashNode) {
     return reinterpret_cast<Node*>(reinterpret_cast<std::byte*>(hashNode) -
