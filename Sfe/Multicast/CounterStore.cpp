@@ -268,9 +268,12 @@ bool CounterStore::isFullWithout(std::span<const uint64_t> key) const {
 // The node enters the index claimed: who finds it waits until its first record is written.
 CounterStore::Inserted CounterStore::insert(std::span<const uint64_t> record) {
   const std::span key = keyOf(record);
+  if (isFullWithout(key)) {
+    return Inserted::kFull;  // without a look at every slot
+  }
   const std::optional<uint32_t> slot = free_.take();
   if (!slot) {
-    return isFullWithout(key) ? Inserted::kFull : Inserted::kLost;
+    return Inserted::kLost;
   }
   std::unique_ptr<Node> node = makeNode(*slot, key);
   if (!addToIndex(node.get())) {
