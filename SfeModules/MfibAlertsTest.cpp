@@ -32,7 +32,7 @@ class MfibAlerts : public MfibFixture {
     return key(kSource, "239.3." + std::to_string(n / 256) + "." + std::to_string(n % 256));
   }
   void addRouteFor(const MfibKey& key) {
-    MfibTestPeer::routes(*mfib_).insert(key, std::make_shared<MfibPvSet>(0));
+    MfibTestPeer::routes(*mfib_).insert(key, MfibPvSet::make(0));
   }
 
   bool canSend(const MfibKey& key) { return mfib_->canSendSgAlert(key, ManualClock::now()); }

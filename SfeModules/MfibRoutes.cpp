@@ -47,7 +47,7 @@ MfibKey Mfib::routeKeyOf(const sfe::pb::MfibRouteArg& arg) const {
 
 std::shared_ptr<MfibPvSet> Mfib::buildEntry(const sfe::pb::MfibRouteArg& arg,
                                             const MfibKey& key) const {
-  auto entry = std::make_shared<MfibPvSet>(static_cast<uint32_t>(arg.oifs_size()));
+  auto entry = MfibPvSet::make(static_cast<uint32_t>(arg.oifs_size()));
   entry->iif = Nynet::IntfId(arg.iif());
   entry->iifFrr = Nynet::IntfId(arg.iif_frr());
   entry->notify = Nynet::IntfId(arg.notify());

@@ -1,12 +1,41 @@
 #include "SfeModules/MfibTypes.h"
 
+#include <new>
+
 namespace SfeModules {
 
-MfibPvSet::MfibPvSet(uint32_t oifCount) : numOifs(oifCount), createTime(Clock::now()) {
+namespace {
+
+// Allocates objects with so many bytes behind them.
+template <class T>
+struct RoomBehind {
+  using value_type = T;  // the standard's name
+
+  explicit RoomBehind(size_t room) : bytes(room) {}
+  template <class U>
+  RoomBehind(const RoomBehind<U>& other)
+      : bytes(other.bytes) {}  // NOLINT(google-explicit-constructor)
+
+  T* allocate(size_t n) { return static_cast<T*>(::operator new(n * sizeof(T) + bytes)); }
+  void deallocate(T* memory, size_t /*n*/) { ::operator delete(memory); }
+  friend bool operator==(const RoomBehind&, const RoomBehind&) = default;
+
+  size_t bytes;
+};
+
+}  // namespace
+
+std::shared_ptr<MfibPvSet> MfibPvSet::make(uint32_t oifCount) {
+  const RoomBehind<MfibPvSet> room(oifCount * (sizeof(Nynet::IntfId) + sizeof(uint32_t)));
+  auto entry = std::allocate_shared<MfibPvSet>(room);
+  entry->numOifs = oifCount;
   if (oifCount > 0) {
-    oifGates = std::make_unique<uint32_t[]>(oifCount);
-    oifs = std::make_unique<Nynet::IntfId[]>(oifCount);
+    // The entry is the last part of what was allocated.
+    auto* behind = reinterpret_cast<unsigned char*>(entry.get() + 1);
+    entry->oifs = new (behind) Nynet::IntfId[oifCount];
+    entry->oifGates = new (behind + oifCount * sizeof(Nynet::IntfId)) uint32_t[oifCount]();
   }
+  return entry;
 }
 
 Nynet::IpAddr nynetIpAddr(const unsigned char* bytes) {

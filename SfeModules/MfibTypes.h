@@ -89,9 +89,11 @@ struct Mfib_U64 {
   uint64_t value = 0;
 };
 
-// The forwarding entry of one route.
+// The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, what
+// the packet path reads comes first.
 struct MfibPvSet {
-  explicit MfibPvSet(uint32_t oifCount);
+  // Returns: an entry with room for so many outgoing interfaces, all zero.
+  static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
 
   // Fetches what the packet path reads.
   void prefetch() const {
@@ -100,18 +102,17 @@ struct MfibPvSet {
   }
 
   Nynet::IntfId iif;
-  Nynet::IntfId iifFrr;    // stored and shown; the packet path does not use it
-  Nynet::IntfId notify;    // likewise
-  Nynet::IntfId fastdrop;  // likewise
-  bool toCpu = false;      // likewise
+  Nynet::IntfId* oifs = nullptr;  // numOifs long; null without interfaces
+  uint32_t* oifGates = nullptr;   // likewise; oifGates[i] reaches oifs[i]
+  uint32_t numOifs = 0;
+  MacAddr dstMac{};
   bool iifRegister = false;
   bool oifRegister = false;
-  uint32_t numOifs = 0;
-  std::unique_ptr<uint32_t[]>
-      oifGates;  // numOifs long; oifGates[i] reaches oifs[i]; null without interfaces
-  std::unique_ptr<Nynet::IntfId[]> oifs;
-  MacAddr dstMac{};
-  TimePoint createTime;
+  bool toCpu = false;      // stored and shown; the packet path does not use it
+  Nynet::IntfId iifFrr;    // likewise
+  Nynet::IntfId notify;    // likewise
+  Nynet::IntfId fastdrop;  // likewise
+  TimePoint createTime = Clock::now();
 };
 
 // A counter that several workers add to: the instructions of a plain `+= n`, with its lost updates

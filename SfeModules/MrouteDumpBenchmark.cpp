@@ -29,7 +29,7 @@ void dumpRoutes(benchmark::State& state) {
     const std::array<uint8_t, 4> source = {10, 0, 0, 2};
     const std::array<uint8_t, 4> group = {239, static_cast<uint8_t>(n >> 16),
                                           static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-    auto entry = std::make_shared<MfibPvSet>(4);
+    auto entry = MfibPvSet::make(4);
     entry->iif = Nynet::IntfId::fromName("Ethernet1");
     for (uint32_t i = 0; i < entry->numOifs; ++i) {
       entry->oifs[i] = Nynet::IntfId::fromName("Ethernet" + std::to_string(i + 2));

@@ -52,8 +52,8 @@ class RoutePipeline {
       __builtin_prefetch(reinterpret_cast<const char*>(entry + 1) - 1);  // it spans two lines
     }
     if (const MfibPvSet* entry = at(kOifsStage).get(); entry != nullptr) {
-      __builtin_prefetch(entry->oifs.get());
-      __builtin_prefetch(entry->oifGates.get());
+      __builtin_prefetch(entry->oifs);
+      __builtin_prefetch(entry->oifGates);
     }
     Slot& last = at(kPrintStage);
     if (const MfibPvSet* entry = last.get(); entry != nullptr) {

@@ -60,7 +60,7 @@ class CacheFixture : public ::testing::Test {
   }
 
   void addRoute(const MfibKey& key, uint32_t oifs, bool oifRegister = false) {
-    auto entry = std::make_shared<MfibPvSet>(oifs);
+    auto entry = MfibPvSet::make(oifs);
     entry->oifRegister = oifRegister;
     routes_.insert(key, std::move(entry));
   }
