@@ -75,6 +75,16 @@ class Mfib : public Module {
   CommandResponse addMroute(const sfe::pb::MfibRouteArg& arg);
   CommandResponse deleteMroute(const sfe::pb::MfibRouteArg& arg);
 
+  // Runs one of the two with its argument unpacked into memory that is kept: they come by the
+  // hundred thousand. An argument of another type is an empty message.
+  template <CommandResponse (Mfib::*kCommand)(const sfe::pb::MfibRouteArg&)>
+  static CommandResponse runRouteCommand(Module* module, const google::protobuf::Any& any) {
+    auto* mfib = static_cast<Mfib*>(module);
+    mfib->routeArg_.Clear();
+    static_cast<void>(any.UnpackTo(&mfib->routeArg_));
+    return (mfib->*kCommand)(mfib->routeArg_);
+  }
+
   // Interface commands.
   CommandResponse addMulticastIntfs(const sfe::pb::MulticastIntfArg& arg);
   CommandResponse deleteMulticastIntfs(const sfe::pb::MulticastIntfArg& arg);
@@ -247,7 +257,8 @@ class Mfib : public Module {
   CommandResponse checkAddressLengths(const sfe::pb::MfibRouteArg& arg) const;
   MfibKey routeKeyOf(const sfe::pb::MfibRouteArg& arg) const;
   std::shared_ptr<MfibPvSet> buildEntry(const sfe::pb::MfibRouteArg& arg, const MfibKey& key) const;
-  void ensureMrouteRecord(const Routing::Multicast::Fib::IpGenRouteKey& key);
+  void ensureMrouteRecord(const MfibKey& key);
+  std::string keyText(const MfibKey& key) const;
   Sfe::Multicast::MrouteCounter mrouteRecord(const Routing::Multicast::Fib::IpGenRouteKey& key);
   Sfe::Multicast::IntfCounter intfRecord(Nynet::IntfId id);
   void mrouteCountChanged(uint32_t change);
@@ -288,6 +299,7 @@ class Mfib : public Module {
 
   PacketFates fates_;                       // named by Init after family and VRF
   NotificationCounts notifications_;        // likewise
+  sfe::pb::MfibRouteArg routeArg_;          // control: of the route command that ran last
   std::array<uint32_t, 2> routesByType_{};  // control: routes in the table, (S,G) and (*,G)
   MonotoneTotals totals_;                   // control
   uint32_t mrouteCount_ = 0;  // control: route commands that took effect, replacements included

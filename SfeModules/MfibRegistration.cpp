@@ -29,11 +29,18 @@ GenericCommand command(const char* name, const char* argType) {
   return makeCommand<Method>(name, argType, GenericCommand::kThreadSafe);
 }
 
+template <auto Method>
+GenericCommand routeCommand(const char* name) {
+  GenericCommand result = command<Method>(name, "MfibRouteArg");
+  result.run = &Mfib::runRouteCommand<Method>;
+  return result;
+}
+
 }  // namespace
 
 const Commands Mfib::cmds = {
-    command<&Mfib::addMroute>("addMroute", "MfibRouteArg"),
-    command<&Mfib::deleteMroute>("deleteMroute", "MfibRouteArg"),
+    routeCommand<&Mfib::addMroute>("addMroute"),
+    routeCommand<&Mfib::deleteMroute>("deleteMroute"),
     command<&Mfib::addMulticastIntfs>("addMulticastIntfs", "MulticastIntfArg"),
     command<&Mfib::deleteMulticastIntfs>("deleteMulticastIntfs", "MulticastIntfArg"),
     command<&Mfib::setBridgeMacAddr>("setBridgeMacAddr", "EthernetConfigArg"),
