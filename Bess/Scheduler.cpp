@@ -43,6 +43,9 @@ Scheduler::Round Scheduler::runRound(uint64_t nowNs) {
       runTask(task, nowNs, &round);
     }
     round.dueNs = std::min(round.dueNs, task->dueNs_);
+    if (task->intervalNs_ != 0) {
+      round.limitNs = std::min(round.limitNs, task->dueNs_);
+    }
   }
   return round;
 }

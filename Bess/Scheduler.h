@@ -28,7 +28,8 @@ class Scheduler {
     bool worked = false;   // some task ran and was not blocked
     uint64_t packets = 0;  // what the tasks report
     uint64_t bits = 0;
-    uint64_t dueNs = kNever;  // when the next task may run
+    uint64_t dueNs = kNever;    // when the next task may run
+    uint64_t limitNs = kNever;  // the same of those alone that have a rate
   };
 
   explicit Scheduler(int wid, bool spin = false);

@@ -1,9 +1,12 @@
 #include "Bess/Worker.h"
 
 #include <glog/logging.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <rte_errno.h>
 #include <rte_lcore.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <urcu-qsbr.h>
 
 #include <algorithm>
@@ -43,7 +46,12 @@ ScopedWorkerIdentity::~ScopedWorkerIdentity() {
 namespace {
 
 constexpr uint64_t kFirstSleepNs = 1'000;
-constexpr uint64_t kMaxSleepNs = 100'000;
+// Reached within a few rounds without work.
+constexpr uint64_t kShortSleepNs = 100'000;
+// A worker that has had nothing to do for some time may sleep for this part of it, up to the most:
+// traffic that flows is not kept waiting, and a daemon that idles costs next to nothing.
+constexpr uint64_t kIdlePart = 16;
+constexpr uint64_t kMaxSleepNs = 4'000'000;
 
 // What control and the workers tell each other: one lock and one condition for all of them, taken
 // on pauses, launches and ends only.
@@ -85,7 +93,7 @@ class WorkerThread {
   void stop();
 
   // Both: stateMutex held.
-  void requestAttention() { attention_.store(true, std::memory_order_release); }
+  void requestAttention();
   bool paused() const { return paused_; }
 
   Scheduler& scheduler() { return scheduler_; }
@@ -97,20 +105,21 @@ class WorkerThread {
   void loop();
   bool attend();
   void waitWithoutTasks();
-  void sleep(uint64_t nowNs, uint64_t dueNs);
+  void sleep(uint64_t nowNs, const Scheduler::Round& round);
   void publish(const Scheduler::Round& round);
 
   const int wid_;
   const WorkerOptions options_;
   std::thread thread_;
 
-  std::atomic<bool> attention_{true};  // control wants something: see attend()
-  bool paused_ = false;                // guarded by stateMutex
-  bool stopping_ = false;              // guarded by stateMutex
+  std::atomic<uint32_t> attention_{1};  // not 0: control wants something, see attend()
+  bool paused_ = false;                 // guarded by stateMutex
+  bool stopping_ = false;               // guarded by stateMutex
 
   // The worker's, and control's while it is paused.
   Scheduler scheduler_;
   uint64_t sleepNs_ = 0;
+  uint64_t workedNs_ = 0;  // when a round did something last
 
   // Written by the worker.
   Total rounds_, idleRounds_, busyNs_, idleNs_, batches_, packets_, bits_, silentDrops_;
@@ -127,6 +136,13 @@ void WorkerThread::start() {
     thread_.join();
     throw;
   }
+}
+
+// A worker that sleeps wakes up.
+void WorkerThread::requestAttention() {
+  static_assert(sizeof(attention_) == sizeof(uint32_t));
+  attention_.store(1, std::memory_order_release);
+  syscall(SYS_futex, &attention_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void WorkerThread::stop() {
@@ -178,8 +194,9 @@ void WorkerThread::threadMain(std::promise<void>* started) {
 
 void WorkerThread::loop() {
   uint64_t last = monotonicNs();
+  workedNs_ = last;
   while (true) {
-    if (attention_.load(std::memory_order_acquire) && !attend()) {
+    if (attention_.load(std::memory_order_acquire) != 0 && !attend()) {
       return;
     }
     const uint64_t start = monotonicNs();
@@ -192,10 +209,11 @@ void WorkerThread::loop() {
     (round.worked ? busyNs_ : idleNs_).add(last - start);
     if (round.worked) {
       sleepNs_ = 0;
+      workedNs_ = last;
     } else if (scheduler_.tasks().empty()) {
       waitWithoutTasks();
     } else if (!options_.spin) {
-      sleep(last, round.dueNs);
+      sleep(last, round);
     }
   }
 }
@@ -221,7 +239,7 @@ bool WorkerThread::attend() {
     stateChanged.notify_all();
     stateChanged.wait(lock, [this] { return pauseDepth == 0 || stopping_; });
     paused_ = false;
-    attention_.store(false, std::memory_order_relaxed);
+    attention_.store(0, std::memory_order_relaxed);
     goOn = !stopping_;
   }
   urcu_qsbr_thread_online();
@@ -233,17 +251,23 @@ void WorkerThread::waitWithoutTasks() {
   goOffline();
   {
     std::unique_lock lock(stateMutex);
-    stateChanged.wait(lock, [this] { return attention_.load(std::memory_order_relaxed); });
+    stateChanged.wait(lock, [this] { return attention_.load(std::memory_order_relaxed) != 0; });
   }
   urcu_qsbr_thread_online();
 }
 
-void WorkerThread::sleep(uint64_t nowNs, uint64_t dueNs) {
-  sleepNs_ = std::clamp(sleepNs_ * 2, kFirstSleepNs, kMaxSleepNs);
-  const uint64_t ns = dueNs <= nowNs ? sleepNs_ : std::min(sleepNs_, dueNs - nowNs);
+// A task that had nothing to do is looked at again when it is due, or later in a worker that has
+// been idle for some time; a limited one is never late.
+void WorkerThread::sleep(uint64_t nowNs, const Scheduler::Round& round) {
+  sleepNs_ = std::clamp(sleepNs_ * 2, kFirstSleepNs, kShortSleepNs);
+  const auto until = [nowNs](uint64_t dueNs) { return dueNs <= nowNs ? 0 : dueNs - nowNs; };
+  const uint64_t due = until(round.dueNs);
+  const uint64_t idle = std::min((nowNs - workedNs_) / kIdlePart, kMaxSleepNs);
+  const uint64_t ns =
+      std::max(due == 0 ? sleepNs_ : std::min(sleepNs_, due), std::min(idle, until(round.limitNs)));
   goOffline();
   const timespec time = {.tv_sec = 0, .tv_nsec = static_cast<long>(ns)};  // NOLINT: its type
-  nanosleep(&time, nullptr);
+  syscall(SYS_futex, &attention_, FUTEX_WAIT_PRIVATE, 0, &time, nullptr, 0);
   urcu_qsbr_thread_online();
 }
 
