@@ -262,6 +262,7 @@ class Mfib : public Module {
   Sfe::Multicast::MrouteCounter mrouteRecord(const Routing::Multicast::Fib::IpGenRouteKey& key);
   Sfe::Multicast::IntfCounter intfRecord(Nynet::IntfId id);
   void mrouteCountChanged(uint32_t change);
+  void fitRouteTable();
   uint32_t& routesOfType(const MfibKey& key) {
     return routesByType_[key.source == AddrBytes{} ? 1 : 0];
   }
@@ -297,9 +298,11 @@ class Mfib : public Module {
   bool modeFlag_ = false;  // IPv4 packets carry an Ethernet header
   Orp::String<kMaxNamespaceBytes> namespaceName_;
 
-  PacketFates fates_;                       // named by Init after family and VRF
-  NotificationCounts notifications_;        // likewise
-  sfe::pb::MfibRouteArg routeArg_;          // control: of the route command that ran last
+  PacketFates fates_;                 // named by Init after family and VRF
+  NotificationCounts notifications_;  // likewise
+  sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
+  static constexpr uint32_t kFewestBuckets = 128;
+  uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
   std::array<uint32_t, 2> routesByType_{};  // control: routes in the table, (S,G) and (*,G)
   MonotoneTotals totals_;                   // control
   uint32_t mrouteCount_ = 0;  // control: route commands that took effect, replacements included

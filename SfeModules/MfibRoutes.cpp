@@ -1,11 +1,15 @@
 // The commands "addMroute" and "deleteMroute".
 
 #include <netinet/in.h>
+#include <urcu-qsbr.h>
+#include <urcu/rculfhash.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <utility>
 
+#include "Base/RcuAnnotate.h"
 #include "Base/Trace.h"
 #include "SfeModules/AddressText.h"
 #include "SfeModules/CounterEntries.h"
@@ -96,6 +100,7 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
   if (releasesHeldPackets) {
     noCacheMgr_->resolvePendingPackets(key);
   }
+  fitRouteTable();
   return CommandSuccess();
 }
 
@@ -123,6 +128,7 @@ CommandResponse Mfib::deleteMroute(const sfe::pb::MfibRouteArg& arg) {
       return CommandFailure(EINVAL, "Mfib: removeMroute failed");
     }
     routesOfType(key) -= 1;
+    fitRouteTable();
   }
   mrouteCountChanged(static_cast<uint32_t>(-1));
   SFE_TRACE_AS(kDeleteSignature, "Mfib", 7, "Successfully deleted Mroute ");
@@ -153,6 +159,24 @@ std::string Mfib::keyText(const MfibKey& key) const {
   appendNumericAddr(text, key.group.data(), ipv4());
   text += ipv4() ? "/32)" : "/128)";
   return text;
+}
+
+// Left alone, the table grows when its chains are eight long on average, and every look-up walks
+// them. It shrinks by itself.
+void Mfib::fitRouteTable() {
+  const uint32_t routes = routesByType_[0] + routesByType_[1];
+  if (routes <= routeBuckets_) {
+    if (routes < routeBuckets_ / 4) {
+      routeBuckets_ = std::max(kFewestBuckets, routeBuckets_ / 2);
+    }
+    return;
+  }
+  routeBuckets_ *= 2;
+  // Whoever shrinks it at this moment waits for a grace period.
+  SFE_RCU_QUIESCENT();
+  urcu_qsbr_thread_offline();
+  cds_lfht_resize(mfib_->table(), routeBuckets_);
+  urcu_qsbr_thread_online();
 }
 
 // Counts commands, not routes: a replacement counts again. It sizes what the state file system

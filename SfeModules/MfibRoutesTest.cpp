@@ -43,13 +43,21 @@ TEST(MfibKey, isBuiltOverZeroesAndComparesEveryByte) {
 }
 
 TEST(MfibPvSet, withoutInterfacesHasNoArrays) {
-  const MfibPvSet none(0);
-  EXPECT_EQ(none.oifGates, nullptr);
-  EXPECT_EQ(none.oifs, nullptr);
-  const MfibPvSet two(2);
-  EXPECT_EQ(two.numOifs, 2U);
-  EXPECT_EQ(two.oifGates[1], 0U);
-  EXPECT_TRUE(two.oifs[1].isNone());
+  const std::shared_ptr<MfibPvSet> none = MfibPvSet::make(0);
+  EXPECT_EQ(none->oifGates, nullptr);
+  EXPECT_EQ(none->oifs, nullptr);
+  for (const uint32_t count : {1U, 2U, 5U, 64U}) {
+    const std::shared_ptr<MfibPvSet> entry = MfibPvSet::make(count);
+    EXPECT_EQ(entry->numOifs, count);
+    for (uint32_t i = 0; i < count; ++i) {
+      EXPECT_EQ(entry->oifGates[i], 0U);
+      EXPECT_TRUE(entry->oifs[i].isNone());
+      entry->oifs[i] = Nynet::IntfId(~uint64_t{0});
+      entry->oifGates[i] = ~uint32_t{0};
+    }
+    EXPECT_FALSE(entry->iifRegister) << "they are beside the entry";
+    EXPECT_TRUE(entry->fastdrop.isNone());
+  }
 }
 
 TEST(MfibTypes, anyFamilyButOneIsIpv6) {
@@ -152,7 +160,7 @@ TEST_F(MfibRoutes, addingFillsEveryFieldOfTheEntry) {
   EXPECT_TRUE(added->iifRegister);
   EXPECT_TRUE(added->oifRegister);
   ASSERT_EQ(added->numOifs, 3U);
-  const std::vector<uint32_t> gates(added->oifGates.get(), added->oifGates.get() + 3);
+  const std::vector<uint32_t> gates(added->oifGates, added->oifGates + 3);
   EXPECT_EQ(gates, (std::vector<uint32_t>{7, 3, 9}));
   EXPECT_EQ(added->oifs[0].value(), id("Ethernet5"));
   EXPECT_EQ(added->oifs[1].value(), id("Vlan100"));
@@ -356,6 +364,35 @@ TEST_F(MfibRoutes, aDeletedEntryLivesOnForWhoeverHoldsIt) {
   urcu_qsbr_barrier();
   EXPECT_EQ(held.use_count(), 1);
   EXPECT_EQ(held->oifGates[0], 5U);
+}
+
+TEST_F(MfibRoutes, areAllThereWhileTheTableGrowsAndShrinks) {
+  constexpr uint32_t kRoutes = 3000;
+  const auto keyOf = [](uint32_t n) {
+    const uint8_t source[4] = {10, 0, 0, 2};
+    const uint8_t group[4] = {239, 1, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+    return MfibKey::of(source, group, kIpv4AddrLen);
+  };
+  const auto message = [](const MfibKey& key) {
+    sfe::pb::MfibRouteArg arg;
+    arg.set_source(key.source.data(), kIpv4AddrLen);
+    arg.set_group(key.group.data(), kIpv4AddrLen);
+    return arg;
+  };
+  auto& table = MfibTestPeer::routes(*mfib_);
+  for (int round = 0; round < 2; ++round) {
+    for (uint32_t n = 0; n < kRoutes; ++n) {
+      ASSERT_FALSE(mfib_->addMroute(message(keyOf(n))).has_error());
+      ASSERT_TRUE(table.contains(keyOf(n / 2)));
+    }
+    EXPECT_EQ(routes(), kRoutes);
+    for (uint32_t n = 0; n < kRoutes; ++n) {
+      ASSERT_FALSE(mfib_->deleteMroute(message(keyOf(n))).has_error());
+      ASSERT_FALSE(table.contains(keyOf(n)));
+      ASSERT_EQ(table.contains(keyOf(kRoutes - 1)), n + 1 < kRoutes);
+    }
+    EXPECT_EQ(routes(), 0U);
+  }
 }
 
 TEST_F(MfibRoutes, everyCommandIsTraced) {
