@@ -191,7 +191,7 @@ TEST_F(MfibAlerts, nothingIsSentAfterTheTeardown) {
 // --- WrongVif -------------------------------------------------------------------------------
 
 TEST_F(MfibAlerts, aWrongVifAlertGoesOutAgainOnlyAfterTheInterval) {
-  const MfibPvSet entry(0);
+  const MfibPvSet entry{};
   pass(nanoseconds(1));
   EXPECT_TRUE(canAlert(route(), kIntf, entry));
   EXPECT_TRUE(canAlert(route(), kIntf, entry)) << "asking records nothing";
@@ -207,7 +207,7 @@ TEST_F(MfibAlerts, aWrongVifAlertGoesOutAgainOnlyAfterTheInterval) {
 }
 
 TEST_F(MfibAlerts, aRouteProgrammedSinceTheLastAlertRearmsIt) {
-  MfibPvSet entry(0);
+  MfibPvSet entry{};
   alerted(route(), kIntf);
   entry.createTime = ManualClock::now() - nanoseconds(1);
   EXPECT_FALSE(canAlert(route(), kIntf, entry));
@@ -218,7 +218,7 @@ TEST_F(MfibAlerts, aRouteProgrammedSinceTheLastAlertRearmsIt) {
 }
 
 TEST_F(MfibAlerts, eachInterfaceOfEachKeyHasALimitOfItsOwn) {
-  const MfibPvSet entry(0);
+  const MfibPvSet entry{};
   pass(nanoseconds(1));
   alerted(route(1), kIntf);
   EXPECT_TRUE(canAlert(route(1), kOtherIntf, entry));
