@@ -33,8 +33,8 @@ _READING = {
               "thousand. The kernel forwards on the sender's core, inside of its system call; the daemon takes the "
               "frames from packet sockets and works on the other core. *Ratio*: the daemon's rate over the kernel's.",
 }
-_TITLES = {"forwarding": "The multicast module", "tables": "Large tables", "scenarios": "Beside plain forwarding", "engine": "The engine below", "control": "The control plane",
-           "kernel": "Beside the kernel"}
+_TITLES = {"forwarding": "The multicast module", "tables": "Large tables", "scenarios": "Beside plain forwarding",
+           "engine": "The engine below", "control": "The control plane", "kernel": "Beside the kernel"}
 _PLOTS = """
 ![cost of a copy over fan-out](../pictures/bench-fan-out.svg)
 
