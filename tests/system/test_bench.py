@@ -33,7 +33,9 @@ def test_each_part_has_rows_of_one_form(rows):
         for row in found:
             for field, kind in FIELDS.items():
                 assert isinstance(row[field], kind), row
-            assert 0 < row["min"] <= row["median"] <= row["max"], row
+            # On a busy machine no rate between hosts may be without loss.
+            assert row["unit"] == "packets/s" or row["min"] > 0, row
+            assert row["min"] <= row["median"] <= row["max"], row
             assert row["mark"] is None or row["reached"] in (True, False), row
 
 
