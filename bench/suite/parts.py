@@ -9,7 +9,7 @@ import tempfile
 from pathlib import Path
 
 from testbed.namespaces import available
-from testbed.run import BUILD, ROOT
+from testbed.run import BUILD, ROOT, start
 
 from . import kernel, testpmd
 from .marks import Failed, Skipped
@@ -23,10 +23,18 @@ def program(path, *arguments):
         raise Skipped(f"{Path(path).name} is not built")
     with tempfile.TemporaryDirectory(prefix="sfebench") as directory:
         file = Path(directory) / "rows.json"
-        result = subprocess.run([str(path), *map(str, arguments), "--json", str(file)], stdout=subprocess.DEVNULL,
-                                cwd=ROOT)
-        if result.returncode != 0 or not file.exists():
-            raise Failed(f"{Path(path).name} ended with {result.returncode}")
+        process = start([str(path), *map(str, arguments), "--json", str(file)], {}, stdout=subprocess.DEVNULL,
+                        cwd=ROOT)
+        try:
+            process.wait()
+        finally:
+            process.terminate()
+            process.wait()
+            # A program that was interrupted leaves its counter tables.
+            for table in Path("/dev/shm").glob(f"sfe.bench{process.pid}.*"):
+                table.unlink()
+        if process.returncode != 0 or not file.exists():
+            raise Failed(f"{Path(path).name} ended with {process.returncode}")
         return json.loads(file.read_text())
 
 
