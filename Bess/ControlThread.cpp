@@ -2,7 +2,6 @@
 
 #include <glog/logging.h>
 #include <pthread.h>
-#include <rte_pause.h>
 
 #include <cerrno>
 
@@ -17,19 +16,14 @@ ControlThread::~ControlThread() {
 }
 
 void ControlThread::post(std::function<void()> fn) {
-  bool asleep = false;
   {
     std::lock_guard lock(mutex_);
     if (stopping_) {
       throw Orp::SystemException(ECANCELED, "the control thread has stopped");
     }
     queue_.push_back(std::move(fn));
-    work_.store(true, std::memory_order_release);
-    asleep = asleep_;
   }
-  if (asleep) {
-    wake_.notify_one();
-  }
+  wake_.notify_one();
 }
 
 void ControlThread::stop() {
@@ -37,7 +31,6 @@ void ControlThread::stop() {
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
-    work_.store(true, std::memory_order_release);
   }
   wake_.notify_one();
   if (thread_.joinable()) {
@@ -58,45 +51,21 @@ void ControlThread::waitOffline(const std::function<void()>& wait) {
   }
 }
 
-// Yields now and then: whoever is to end the wait may need this core.
-bool ControlThread::linger(const std::function<bool()>& over) {
-  constexpr int kLooks = 50;
-  const auto end = std::chrono::steady_clock::now() + kLinger;
-  do {
-    for (int i = 0; i < kLooks; ++i) {
-      if (over()) {
-        return true;
-      }
-      rte_pause();
-    }
-    std::this_thread::yield();
-  } while (std::chrono::steady_clock::now() < end);
-  return false;
-}
-
-// Waits for work. Returns: nothing when the thread is to end.
-std::function<void()> ControlThread::next() {
-  linger([this] { return work_.load(std::memory_order_acquire); });
-  std::unique_lock lock(mutex_);
-  asleep_ = true;
-  wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-  asleep_ = false;
-  if (queue_.empty()) {
-    return nullptr;
-  }
-  std::function<void()> fn = std::move(queue_.front());
-  queue_.pop_front();
-  work_.store(stopping_ || !queue_.empty(), std::memory_order_relaxed);
-  return fn;
-}
-
 void ControlThread::loop() {
   pthread_setname_np(pthread_self(), "bess-control");
   urcu_qsbr_register_thread();
   while (true) {
+    std::function<void()> fn;
     SFE_RCU_QUIESCENT();
     urcu_qsbr_thread_offline();
-    std::function<void()> fn = next();
+    {
+      std::unique_lock lock(mutex_);
+      wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (!queue_.empty()) {
+        fn = std::move(queue_.front());
+        queue_.pop_front();
+      }
+    }
     urcu_qsbr_thread_online();
     if (!fn) {
       break;
