@@ -61,10 +61,22 @@ double ratioMark(unsigned bytes, unsigned fanOut) {
 constexpr double kMostNsOverTheGraph = 60;
 constexpr double kMostNsForManyRoutes = 60;
 
-Row rowOf(const Case& c, const Samples& forward, const Samples& graphFloor, const Samples& floor) {
+// Nanoseconds per packet. What is compared is compared run by run: a virtual machine may change its
+// speed between two of them.
+struct Measured {
+  Samples forward;
+  Samples graphFloor;
+  Samples floor;
+  Samples ratio;
+  Samples overGraph;
+};
+
+Row rowOf(const Case& c, const Measured& measured) {
+  const Samples& forward = measured.forward;
+  const Samples& floor = measured.floor;
   const double perCopy = 1.0 / c.fanOut;
-  const double ratio = forward.median() / floor.median();
-  const double overGraph = forward.median() - graphFloor.median();
+  const double ratio = measured.ratio.median();
+  const double overGraph = measured.overGraph.median();
   Row row;
   row.name = std::string(modeName(c.mode)) + " " + std::to_string(c.bytes) + " B x " +
              std::to_string(c.fanOut) + ", " + std::to_string(c.routes) +
@@ -84,7 +96,7 @@ Row rowOf(const Case& c, const Samples& forward, const Samples& graphFloor, cons
                  {"floor_min", floor.min() * perCopy},
                  {"floor_max", floor.max() * perCopy},
                  {"ratio", ratio},
-                 {"graph_floor", graphFloor.median()},
+                 {"graph_floor", measured.graphFloor.median()},
                  {"over_graph", overGraph}};
   row.words = {{"group", "forwarding"}, {"mode", modeName(c.mode)}};
   return row;
@@ -96,18 +108,21 @@ Row measureCase(const Case& c, const Graph& graph, const Graph& without, const O
       .frame = frame, .flows = shuffledFlows(frame, 1, c.routes), .inIntf = intfId(kInIntf)};
   graph.source().prepare(0, lane);
   without.source().prepare(0, lane);
-  Samples forward;
-  Samples graphFloor;
-  Samples floor;
+  Measured measured;
   graph.measure(options.seconds, c.fanOut);  // warm
   for (unsigned run = 0; run < options.runs; ++run) {
-    forward.add(graph.measure(options.seconds, c.fanOut));
-    graphFloor.add(without.measure(options.seconds, 1));
-    floor.add(copyFloorNsPerPacket(*bess::PacketPool::defaultPool(),
-                                   static_cast<unsigned>(frame.bytes.size()), c.fanOut,
-                                   options.seconds));
+    measured.forward.add(graph.measure(options.seconds, c.fanOut));
+    measured.graphFloor.add(without.measure(options.seconds, 1));
+    {
+      const OnTheWorkersCore here;
+      measured.floor.add(copyFloorNsPerPacket(*bess::PacketPool::defaultPool(),
+                                              static_cast<unsigned>(frame.bytes.size()), c.fanOut,
+                                              options.seconds));
+    }
+    measured.ratio.add(measured.forward.last() / measured.floor.last());
+    measured.overGraph.add(measured.forward.last() - measured.graphFloor.last());
   }
-  return rowOf(c, forward, graphFloor, floor);
+  return rowOf(c, measured);
 }
 
 // A million routes are held against a thousand of the same kind.

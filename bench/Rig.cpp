@@ -121,6 +121,18 @@ double workerNs(int wid) {
   return static_cast<double>(time.tv_sec) * kNsPerSecond + static_cast<double>(time.tv_nsec);
 }
 
+OnTheWorkersCore::OnTheWorkersCore() : before_{} {
+  sched_getaffinity(0, sizeof(before_), &before_);
+  cpu_set_t here;
+  CPU_ZERO(&here);
+  CPU_SET(static_cast<size_t>(bess::usableCores().back()), &here);
+  sched_setaffinity(0, sizeof(here), &here);
+}
+
+OnTheWorkersCore::~OnTheWorkersCore() {
+  sched_setaffinity(0, sizeof(before_), &before_);
+}
+
 Rig::Rig(unsigned hugeMb, unsigned workers) {
   isolate();
   FLAGS_minloglevel = google::GLOG_WARNING;

@@ -8,6 +8,8 @@
 //              on its core this is the time that passes; with some it stays the same.
 #pragma once
 
+#include <sched.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -41,6 +43,19 @@ bool await(const std::function<bool()>& condition, double seconds);
 
 // Nanoseconds of processor time that a worker has had, once a source has run on it.
 double workerNs(int wid);
+
+// The calling thread runs on worker 0's core while it lives. The worker stands still meanwhile when
+// it has no task.
+class OnTheWorkersCore {
+ public:
+  OnTheWorkersCore();
+  ~OnTheWorkersCore();
+  OnTheWorkersCore(const OnTheWorkersCore&) = delete;
+  OnTheWorkersCore& operator=(const OnTheWorkersCore&) = delete;
+
+ private:
+  cpu_set_t before_;
+};
 
 class Rig {
  public:

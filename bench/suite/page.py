@@ -13,8 +13,9 @@ day, say little. Each is the median of its runs, with the smallest and the large
 _FLOORS = """
 A packet's cost has a part that nobody can save: each copy has to be allocated, filled and freed again. The *floor* of a
 forwarding row is exactly that, in bulk, for the same size and number of copies, measured in turn with the row; *ratio*
-says how many times the floor a copy costs in the whole graph, from the source to the sink. Times are processor time of
-the worker, so other load on the machine does not count as cost, but for the caches that it takes.
+says how many times the floor a copy costs in the whole graph, from the source to the sink: the median of the ratios of
+the single runs, since a virtual machine may change its speed between two of them. Times are processor time of the
+worker, so other load on the machine does not count as cost, but for the caches that it takes.
 
 """
 

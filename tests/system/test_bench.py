@@ -46,8 +46,8 @@ def test_forwarding_is_measured_against_its_floors(rows):
                      for fan_out in (1, 4) for routes in (1, 100)}
     for row in forwarding:
         assert row["floor"] > 0 and row["graph_floor"] > 0, row
-        assert row["ratio"] == pytest.approx(row["median"] / row["floor"], rel=0.01)
-        assert row["over_graph"] == pytest.approx(row["ns_per_packet"] - row["graph_floor"], abs=0.01)
+        assert row["ratio"] > 1, row
+        assert row["ns_per_packet"] == pytest.approx(row["median"] * row["fan_out"], rel=0.01)
 
 
 def test_scenarios_and_hosts_are_measured(rows):
