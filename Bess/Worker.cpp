@@ -50,8 +50,8 @@ constexpr uint64_t kFirstSleepNs = 1'000;
 constexpr uint64_t kShortSleepNs = 100'000;
 // A worker that has had nothing to do for some time may sleep for this part of it, up to the most:
 // traffic that flows is not kept waiting, and a daemon that idles costs next to nothing.
-constexpr uint64_t kIdlePart = 16;
-constexpr uint64_t kMaxSleepNs = 500'000;
+constexpr uint64_t kIdlePart = 64;
+constexpr uint64_t kMaxSleepNs = 4'000'000;
 
 // What control and the workers tell each other: one lock and one condition for all of them, taken
 // on pauses, launches and ends only.
