@@ -98,7 +98,7 @@ struct MfibPvSet {
   // Fetches what the packet path reads.
   void prefetch() const {
     __builtin_prefetch(this);
-    __builtin_prefetch(&dstMac);
+    __builtin_prefetch(reinterpret_cast<const char*>(this) + RTE_CACHE_LINE_SIZE);
   }
 
   Nynet::IntfId iif;
