@@ -15,6 +15,17 @@ namespace {
 
 // Other clients wait for at most so many commands of each stream.
 constexpr size_t kMaxTurn = 256;
+// What a stream holds unread, and what it keeps of a message for the next one, in bytes.
+constexpr size_t kMaxWaitingBytes = size_t{1} << 20;
+constexpr size_t kMaxKeptBytes = size_t{64} << 10;
+
+// Gives the memory of a large message back; a small one's is used again.
+template <class Message>
+void trim(Message& message) {
+  if (message.SpaceUsedLong() > kMaxKeptBytes) {
+    message = Message();
+  }
+}
 
 // The forms that a stream's messages have: one command and its answer, or a batch of either.
 struct SingleForm {
@@ -51,6 +62,7 @@ struct Group {
   std::vector<typename Form::Request> requests;
   size_t count = 0;
   size_t commands = 0;  // of them all
+  size_t bytes = 0;     // likewise
 };
 
 // What was read and has not run yet: one message, or as many as have the commands of one turn, so
@@ -62,10 +74,12 @@ class ReadAhead {
   // any more.
   bool put(typename Form::Request& request) {
     const size_t commands = Form::count(request);
+    const size_t bytes = request.ByteSizeLong();
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this, commands] {
-      return waiting_.count == 0 ||
-             (waiting_.count < kMaxTurn && waiting_.commands + commands <= kMaxTurn) || closed_;
+    room_.wait(lock, [this, commands, bytes] {
+      return waiting_.count == 0 || closed_ ||
+             (waiting_.count < kMaxTurn && waiting_.commands + commands <= kMaxTurn &&
+              waiting_.bytes + bytes <= kMaxWaitingBytes);
     });
     if (closed_) {
       return false;
@@ -74,7 +88,9 @@ class ReadAhead {
       waiting_.requests.emplace_back();
     }
     waiting_.requests[waiting_.count++].Swap(&request);
+    trim(request);
     waiting_.commands += commands;
+    waiting_.bytes += bytes;
     if (waiting_.count == 1) {
       arrived_.notify_one();
     }
@@ -95,6 +111,7 @@ class ReadAhead {
   bool take(Group<Form>& group) {
     group.count = 0;
     group.commands = 0;
+    group.bytes = 0;
     std::unique_lock lock(mutex_);
     arrived_.wait(lock, [this] { return waiting_.count > 0 || closed_; });
     std::swap(group, waiting_);
@@ -123,7 +140,10 @@ class Turns {
     if (answers_.size() < group.count) {
       answers_.resize(group.count);
     }
-    std::for_each_n(answers_.begin(), group.count, &Form::clear);
+    std::for_each_n(answers_.begin(), group.count, [](typename Form::Response& answer) {
+      Form::clear(answer);
+      trim(answer);
+    });
   }
   bool done() const { return message_ == group_->count; }
   const typename Form::Response& answer(size_t index) const { return answers_[index]; }
@@ -143,7 +163,8 @@ class Turns {
       const pb::ModuleCommandRequest& one = Form::command(request, command_++);
       pb::CommandResponse& answer = Form::addAnswer(answers_[message_]);
       answer = ModuleGraph::runCommand(one.module(), one.command(), one.arg());
-      ended_ = answer.has_error() && Form::endsWithRefusal(request);
+      const bool refused = answer.error().code() != 0 || !answer.error().errmsg().empty();
+      ended_ = refused && Form::endsWithRefusal(request);
     }
   }
 

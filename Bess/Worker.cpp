@@ -242,6 +242,7 @@ bool WorkerThread::attend() {
     attention_.store(0, std::memory_order_relaxed);
     goOn = !stopping_;
   }
+  workedNs_ = monotonicNs();  // a pause is no silence
   urcu_qsbr_thread_online();
   return goOn;
 }

@@ -172,7 +172,8 @@ void Mfib::fitRouteTable() {
     return;
   }
   routeBuckets_ *= 2;
-  // Whoever shrinks it at this moment waits for a grace period.
+  // Whoever shrinks it at this moment waits for a grace period. Offline the walk over the chains is
+  // safe because this thread alone takes routes out.
   SFE_RCU_QUIESCENT();
   urcu_qsbr_thread_offline();
   cds_lfht_resize(mfib_->table(), routeBuckets_);

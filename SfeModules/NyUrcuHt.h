@@ -179,8 +179,9 @@ class NyRcuHt {
   // and shrinks by itself; both are powers of two. `deferredFree`: removed nodes are freed through
   // call_rcu; otherwise each removal waits for a grace period. The release callbacks are called
   // with the key and the value of a node when it is freed, before they are destroyed.
-  // `indexedEntries`: how many entries find() is to reach without a walk; more are found all the
-  // same. Errors: std::runtime_error "failed to construct" when liburcu makes no table.
+  // `indexedEntries`: how many entries find() is to reach without a walk, with deferred free only;
+  // more are found all the same. Errors: std::runtime_error "failed to construct" when liburcu
+  // makes no table.
   explicit NyRcuHt(uint32_t initialSize = kDefaultBuckets,
                    bool deferredFree = true,
                    uint32_t minBuckets = kDefaultBuckets,
@@ -195,6 +196,8 @@ class NyRcuHt {
         index_(indexedEntries) {
     table_ = _cds_lfht_new(initialSize_, minBuckets, 0, CDS_LFHT_AUTO_RESIZE | CDS_LFHT_ACCOUNTING,
                            nullptr, &urcu_qsbr_flavor, nullptr);
+    // A replacement that waits for a grace period could not put its node into the index any more.
+    SFE_ASSERT(deferredFree_ || !index_.enabled());
     if (table_ == nullptr) {
       std::cerr << "Error allocating hash table" << std::endl;
       throw std::runtime_error("failed to construct");
@@ -393,7 +396,10 @@ class NyRcuHt {
     place(node, hash);
     const size_t entries = entries_.fetch_add(1, std::memory_order_relaxed) + 1;
     if (index_.crowded(entries) && !growing_.exchange(true, std::memory_order_acquire)) {
-      index_.grow([this](Node* moved) { place(moved, nyHash(moved->key)); });
+      // Another thread may have grown it since.
+      if (index_.crowded(entries)) {
+        index_.grow([this](Node* moved) { place(moved, nyHash(moved->key)); });
+      }
       growing_.store(false, std::memory_order_release);
     }
   }

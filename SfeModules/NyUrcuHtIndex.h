@@ -120,6 +120,7 @@ class NyRcuHtIndex {
   }
 
   // Doubles the sets in use and calls `move(node)` for each node that may have to move.
+  // Requires: crowded(), looked at by the one thread that grows it.
   template <class Move>
   void grow(Move move) {
     const size_t before = mask_.load(std::memory_order_relaxed) + 1;

@@ -183,15 +183,17 @@ void Client::stream(std::span<const bess::pb::ModuleCommandRequest* const> reque
   batch.set_until_refused(true);
   bess::pb::CommandResponseBatch answers;
   size_t sent = 0;
+  size_t answered = 0;
   bool open = true;
-  for (size_t answered = 0; open && answered < requests.size();) {
+  while (open && answered < requests.size()) {
     while (open && sent < requests.size() && sent < answered + kUnderWay) {
       sent += fill(batch, requests.subspan(sent));
       open = call->Write(batch);
     }
     open = open && call->Read(&answers);
     for (int i = 0; open && i < answers.responses_size(); ++i, ++answered, ++done) {
-      if (const auto& error = answers.responses(i).error(); error.code() != 0) {
+      if (const auto& error = answers.responses(i).error();
+          error.code() != 0 || !error.errmsg().empty()) {
         context.TryCancel();
         call->Finish();
         check(error);
@@ -199,7 +201,11 @@ void Client::stream(std::span<const bess::pb::ModuleCommandRequest* const> reque
     }
   }
   call->WritesDone();
-  check(call->Finish());
+  const grpc::Status status = call->Finish();
+  if (answered < requests.size()) {  // else all is done, whatever became of the call
+    check(status);
+    throw RuntimeError("the daemon ended the stream of commands early");
+  }
 }
 
 std::vector<char> Client::state(const std::string& module,
