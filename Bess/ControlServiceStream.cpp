@@ -209,13 +209,10 @@ grpc::Status ControlService::runCommands(
     while (status.ok() && !turns.done()) {
       status = onControlThread([&turns] { turns.run(); });
     }
-    // All but the last wait in the transport's buffer for it.
     for (size_t i = 0; status.ok() && reading && i < group.count; ++i) {
-      grpc::WriteOptions options;
-      if (i + 1 < group.count) {
-        options.set_buffer_hint();
-      }
-      reading = stream.Write(turns.answer(i), options);
+      // Each on its own: told to wait in its buffer for the next one, the transport may keep the
+      // caller waiting too.
+      reading = stream.Write(turns.answer(i));
     }
   }
   if (!status.ok() || !reading) {

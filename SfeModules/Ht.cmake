@@ -1,7 +1,7 @@
 # What ThreadSanitizer must know in every program that uses RCU; empty without it.
 add_library(sfe_tsan INTERFACE)
 if(SFE_SANITIZE MATCHES thread)
-  target_sources(sfe_tsan INTERFACE ${PROJECT_SOURCE_DIR}/SfeModules/TsanSuppressions.cpp)
+  target_sources(sfe_tsan INTERFACE ${PROJECT_SOURCE_DIR}/tests/support/TsanSuppressions.cpp)
 endif()
 
 # The RCU hash table and its node memory: headers only, but for the counts of callbacks.
