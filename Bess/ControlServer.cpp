@@ -51,6 +51,8 @@ void setHealth(grpc::Server& server, bool serving) {
   }
 }
 
+constexpr int kPollMs = 100;
+
 void setLimits(grpc::ServerBuilder& builder) {
   builder.SetMaxReceiveMessageSize(ControlServer::kMaxRequestBytes);
   builder.SetMaxSendMessageSize(kMaxAnswerBytes);
@@ -58,6 +60,9 @@ void setLimits(grpc::ServerBuilder& builder) {
       grpc::ResourceQuota("control").SetMaxThreads(ControlServer::kMaxThreads));
   builder.SetSyncServerOption(grpc::ServerBuilder::NUM_CQS, 1);
   builder.SetSyncServerOption(grpc::ServerBuilder::MAX_POLLERS, 2);
+  // A thread that waits for its own call's next event now and then misses the wake-up when another
+  // one polls: it stands still until that one's poll ends, ten seconds unless told otherwise.
+  builder.SetSyncServerOption(grpc::ServerBuilder::CQ_TIMEOUT_MSEC, kPollMs);
   const auto milliseconds = [](auto time) {
     return static_cast<int>(std::chrono::milliseconds(time).count());
   };
