@@ -9,13 +9,6 @@
 #include "Sfe/Multicast/CounterTableReader.h"
 #include "Sfe/Multicast/TableTesting.h"
 
-#if defined(SFE_WITH_TSAN)
-// The C library keeps its time zone, which every log line asks for, under a lock that is not seen.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:tzset_internal\n";
-}
-#endif
-
 namespace Sfe::Multicast {
 namespace {
 
