@@ -1,8 +1,7 @@
 // How fast a control plane programs a daemon's routes over its control socket: in a stream of
 // commands, and one by one. The daemon has an instance `mfib4`, whose routes the benchmark owns.
 //
-//   control_bench [--socket TARGET] [--runs N] [--routes N] [--single N] [--only-add 1] [--json
-//   FILE]
+//   control_bench [--socket TARGET] [--runs N] [--routes N] [--single N] [--only-add] [--json FILE]
 
 #include <chrono>
 #include <cstdio>
@@ -10,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "bench/BenchRoutes.h"
 #include "bench/Figures.h"
@@ -29,34 +30,6 @@ struct Options {
   bool onlyAdd = false;     // for others who measure something of a daemon with routes
   std::string json;
 };
-
-Options parseOptions(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string name = argv[i];
-    const std::string value = argv[i + 1];
-    const auto number = [&value] { return static_cast<uint32_t>(std::stoul(value)); };
-    if (name == "--socket") {
-      options.socket = value;
-    } else if (name == "--runs") {
-      options.runs = number();
-    } else if (name == "--routes") {
-      options.routes = number();
-    } else if (name == "--single") {
-      options.single = number();
-    } else if (name == "--only-add") {
-      options.onlyAdd = number() != 0;
-    } else if (name == "--json") {
-      options.json = value;
-    } else {
-      throw std::invalid_argument("unknown option " + name);
-    }
-  }
-  if (options.runs == 0) {
-    throw std::invalid_argument("no runs, no figures");
-  }
-  return options;
-}
 
 std::vector<Request> commandsOf(const char* command, uint32_t count) {
   std::vector<Request> requests;
@@ -124,7 +97,15 @@ std::vector<bench::Figure> measure(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const Options options = parseOptions(argc, argv);
+  CLI::App app("How fast a daemon's routes are programmed");
+  Options options;
+  app.add_option("--socket", options.socket, "the daemon's control socket");
+  app.add_option("--runs", options.runs)->check(CLI::PositiveNumber);
+  app.add_option("--routes", options.routes, "in a stream")->check(CLI::PositiveNumber);
+  app.add_option("--single", options.single, "routes that are sent one by one");
+  app.add_flag("--only-add", options.onlyAdd, "add the routes and leave them there");
+  app.add_option("--json", options.json, "file for the figures");
+  CLI11_PARSE(app, argc, argv);
   const auto figures = measure(options);
   bench::printFigures(stdout, figures);
   if (!options.json.empty()) {

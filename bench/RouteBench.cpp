@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "Bess/Eal.h"
 #include "Bess/ModuleGraph.h"
 #include "Bess/PacketPool.h"
@@ -38,27 +40,6 @@ struct Options {
   uint32_t routes = 100'000;
   std::string json;
 };
-
-Options parseOptions(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string name = argv[i];
-    const std::string value = argv[i + 1];
-    if (name == "--runs") {
-      options.runs = static_cast<unsigned>(std::stoul(value));
-    } else if (name == "--routes") {
-      options.routes = static_cast<uint32_t>(std::stoul(value));
-    } else if (name == "--json") {
-      options.json = value;
-    } else {
-      throw std::invalid_argument("unknown option " + name);
-    }
-  }
-  if (options.runs == 0) {
-    throw std::invalid_argument("no runs, no figures");
-  }
-  return options;
-}
 
 Mfib& createInstance() {
   sfe::pb::MfibArg arg;
@@ -165,7 +146,12 @@ std::vector<bench::Figure> measure(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const Options options = parseOptions(argc, argv);
+  CLI::App app("What routes cost inside the daemon");
+  Options options;
+  app.add_option("--runs", options.runs)->check(CLI::PositiveNumber);
+  app.add_option("--routes", options.routes)->check(CLI::PositiveNumber);
+  app.add_option("--json", options.json, "file for the figures");
+  CLI11_PARSE(app, argc, argv);
   setenv("SYSNAME", ("routebench" + std::to_string(getpid())).c_str(), 1);
   bess::initEal({.memoryMb = 512, .extra = {"--log-level=lib.eal:4"}});
   bess::PacketPool::createDefaultPools(kPoolPackets);

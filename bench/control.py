@@ -83,7 +83,7 @@ def one_daemon(options, figures, number):
         idle = seconds(lambda: time.sleep(options.idle))
         figures["idle"].samples.append(100 * (processor_seconds(pid) - spent) / idle)
         before = resident(daemon)
-        commands(daemon, options, "--only-add", "1")
+        commands(daemon, options, "--only-add")
         figures["memory"].samples.append((resident(daemon) - before) / options.routes)
         out = run.directory / "out"
         figures["show"].samples.append(seconds(lambda: out.write_text(daemon.sfectl("show", "mroute"))))
