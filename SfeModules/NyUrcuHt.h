@@ -396,10 +396,7 @@ class NyRcuHt {
     place(node, hash);
     const size_t entries = entries_.fetch_add(1, std::memory_order_relaxed) + 1;
     if (index_.crowded(entries) && !growing_.exchange(true, std::memory_order_acquire)) {
-      // Another thread may have grown it since.
-      if (index_.crowded(entries)) {
-        index_.grow([this](Node* moved) { place(moved, nyHash(moved->key)); });
-      }
+      index_.grow(entries, [this](Node* moved) { place(moved, nyHash(moved->key)); });
       growing_.store(false, std::memory_order_release);
     }
   }

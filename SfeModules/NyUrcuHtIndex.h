@@ -119,10 +119,13 @@ class NyRcuHtIndex {
     return enabled() && entries > sets * kEntriesPerSet && sets < maxSets_;
   }
 
-  // Doubles the sets in use and calls `move(node)` for each node that may have to move.
-  // Requires: crowded(), looked at by the one thread that grows it.
+  // Doubles the sets in use, where `entries` are still too many for them, and calls `move(node)`
+  // for each node that may have to move. One thread at a time.
   template <class Move>
-  void grow(Move move) {
+  void grow(size_t entries, Move move) {
+    if (!crowded(entries)) {
+      return;  // another thread has grown it since
+    }
     const size_t before = mask_.load(std::memory_order_relaxed) + 1;
     if (before * sizeof(Set) >= kLargePage) {
       // Fewer misses of address translation, where the kernel has large pages to give.

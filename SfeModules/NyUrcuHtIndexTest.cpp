@@ -67,7 +67,7 @@ TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
     items[i].key = i;
     index.add(&items[i], hashOf(i));
     while (index.crowded(i + 1)) {
-      index.grow([&](Item* item) {
+      index.grow(i + 1, [&](Item* item) {
         index.remove(item);
         index.add(item, hashOf(item->key));
       });
@@ -82,6 +82,21 @@ TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
     found += item != nullptr ? 1 : 0;
   }
   EXPECT_LT(items.size() * 9 / 10, found);
+}
+
+// Who comes second, having seen the index crowded, must not grow it past its memory.
+TEST(NyUrcuHtIndex, growsOnceForTwoThatSawItCrowded) {
+  constexpr size_t kEntries = 65;  // more than 16 sets are for
+  Index index(128);                // at most 32 sets
+  Item item{.key = 1};
+  const uint32_t hash = 32;  // in the set behind the last one, were there more than 32
+  ASSERT_TRUE(index.crowded(kEntries));
+  index.grow(kEntries, [](Item*) {});
+  EXPECT_FALSE(index.crowded(kEntries));
+  index.grow(kEntries, [](Item*) {});
+  index.add(&item, hash);
+  ASSERT_NE(nullptr, item.place);
+  EXPECT_EQ(&item, index.find(uint64_t{1}, 0)) << "32 sets: both hashes mean the first one";
 }
 
 TEST(NyUrcuHtIndex, holdsNothingWithoutEntries) {
