@@ -80,8 +80,8 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
   if (const std::shared_ptr<MfibPvSet>* found = mfib_->find(key); found != nullptr) {
     old = *found;
     mfib_->erase(key);
+    routesOfType(key) -= 1;
   }
-  const bool replaced = old != nullptr;
   std::shared_ptr<MfibPvSet> entry = buildEntry(arg, key);
   old.reset();
 
@@ -95,7 +95,7 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
   }
   const bool releasesHeldPackets = entry->numOifs > 0 || entry->oifRegister;
   mfib_->insert(key, std::move(entry));
-  routesOfType(key) += replaced ? 0 : 1;
+  routesOfType(key) += 1;
   mrouteCountChanged(1);
   if (releasesHeldPackets) {
     noCacheMgr_->resolvePendingPackets(key);
