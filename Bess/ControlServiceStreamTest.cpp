@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
 #include <map>
 #include <thread>
 #include <vector>
@@ -248,6 +249,32 @@ TEST_F(ControlServiceBatchTest, slowsDownAClientThatReadsNothing) {
   expectAlive(1);
   context.TryCancel();
   writer.join();
+  EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::CANCELLED);
+  expectAlive(1);
+}
+
+// Commands that wait are bounded in bytes too: 256 of this size would be 230 MB.
+TEST_F(ControlServiceStreamTest, holdsFewLargeCommandsThatHaveNotRun) {
+  std::promise<void> go;
+  control_.post([held = go.get_future().share()] { held.wait(); });
+  grpc::ClientContext context;
+  auto stream = open(context);
+  std::atomic<int> written{0};
+  std::thread writer([&] {
+    const auto request = command("safe", std::string(900'000, 'x'));
+    while (stream->Write(request)) {
+      written++;
+    }
+  });
+  int before = -1;
+  while (before != written || written == 0) {
+    before = written;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  EXPECT_LT(written, 20);
+  context.TryCancel();
+  writer.join();
+  go.set_value();
   EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::CANCELLED);
   expectAlive(1);
 }
