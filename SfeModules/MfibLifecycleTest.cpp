@@ -345,6 +345,7 @@ TEST_F(MfibLifecycle, aPublicationThatRunsMeanwhileLeavesNothingBehind) {
   mfib_->forceLookupIntfCtrUpdates(intf)->pktsIn = 5;
   auto& table = MfibTestPeer::intfCounters(*mfib_);
   std::atomic<bool> holding{false};
+  std::atomic<bool> seen{false};
   std::thread worker([&] {
     urcu_qsbr_register_thread();
     IntfCounterEntry* entry = table.find(intf)->get();
@@ -352,6 +353,7 @@ TEST_F(MfibLifecycle, aPublicationThatRunsMeanwhileLeavesNothingBehind) {
     while (shared->size() == 0) {
       std::this_thread::yield();  // until it is published
     }
+    seen = true;
     while (shared->size() != 0) {
       std::this_thread::yield();  // until the teardown has emptied the table
     }
@@ -369,7 +371,7 @@ TEST_F(MfibLifecycle, aPublicationThatRunsMeanwhileLeavesNothingBehind) {
     publishCountersNow();
     urcu_qsbr_unregister_thread();
   });
-  while (shared->size() == 0) {
+  while (!seen) {
     SFE_RCU_QUIESCENT();
     urcu_qsbr_quiescent_state();
     std::this_thread::yield();
