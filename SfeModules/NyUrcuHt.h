@@ -153,8 +153,9 @@ class NyRcuHt {
     const K& key() const { return node()->key; }
     const V& value() const { return node()->value; }
 
-    // Lets the next position come from memory while the caller is busy with this one.
-    void prefetchNext() const { __builtin_prefetch(iter_.next); }
+    // Rises from entry to entry of a walk; the same where hashes are. Requires: stands on a node.
+    unsigned long order() const { return iter_.node->reverse_hash; }
+    const cds_lfht_node* link() const { return iter_.next; }  // with liburcu's flags: a hint
 
     NyRcuHtIterator& operator++() {
       cds_lfht_next(table_, &iter_);
@@ -351,6 +352,17 @@ class NyRcuHt {
     return position;
   }
   NyRcuHtIterator end() const { return NyRcuHtIterator(table_); }
+
+  // A position on the first of the entries of some hash that the index has in one set with `hash`.
+  NyRcuHtIterator near(uint32_t hash) const {
+    NyRcuHtIterator at(table_);
+    if (const Node* node = index_.similar(hash); node != nullptr) {
+      const auto any = [](cds_lfht_node*, const void*) { return 1; };
+      cds_lfht_lookup(table_, nyHash(node->key), any, nullptr, &at.iter_);
+      SFE_RCU_DEREFERENCE(at.iter_.node);
+    }
+    return at;
+  }
 
   // The number of entries, exact only while nobody writes; walks the table. RCU: read side.
   size_t size() const {

@@ -86,6 +86,20 @@ class NyRcuHtIndex {
     __builtin_prefetch(nodeOf(probable(setOf(hash), hash)));
   }
 
+  // Returns: some node whose hash ends in the same bits as `hash`, as many as there are sets; null
+  // when none is known.
+  Node* similar(uint32_t hash) const {
+    if (!enabled()) {
+      return nullptr;
+    }
+    for (const Place& place : setOf(hash).places) {
+      if (Node* node = nodeOf(place.load(std::memory_order_acquire)); node != nullptr) {
+        return node;
+      }
+    }
+    return nullptr;
+  }
+
   // The node's place: null when its set is full. Requires: the caller has locked the node.
   void add(Node* node, uint32_t hash) {
     node->place = nullptr;

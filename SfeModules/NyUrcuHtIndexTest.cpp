@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -142,6 +143,39 @@ TEST(NyUrcuHtIndex, followsReplacementsAndRemovals) {
     EXPECT_EQ(9U, *table.find(key));
   }
   EXPECT_EQ(500U, table.size());
+}
+
+TEST(NyUrcuHtIndex, letsAWalkStartInTheMiddle) {
+  Numbers table(128, true, 128, nullptr, nullptr, 1024);
+  EXPECT_TRUE(table.near(0) == table.end()) << "nothing to start at";
+  for (uint64_t key = 0; key < 500; ++key) {
+    table.insert(key, key);
+  }
+  std::vector<uint64_t> all;
+  unsigned long order = 0;
+  for (auto at = table.begin(); !(at == table.end()); ++at) {
+    EXPECT_LE(order, at.order());
+    order = at.order();
+    all.push_back(at.key());
+  }
+  for (uint64_t key = 0; key < 500; ++key) {
+    const uint32_t hash = table.nyHash(key);
+    auto at = table.near(hash);
+    ASSERT_FALSE(at == table.end());
+    EXPECT_EQ(hash % 128, table.nyHash(at.key()) % 128) << "as many sets as 500 entries take";
+    const auto start = std::find(all.begin(), all.end(), at.key());
+    std::vector<uint64_t> left;
+    for (; !(at == table.end()); ++at) {
+      left.push_back(at.key());
+    }
+    EXPECT_EQ(std::vector<uint64_t>(start, all.end()), left);
+  }
+}
+
+TEST(NyUrcuHtIndex, tellsAWalkNothingWithoutEntries) {
+  Numbers table;
+  table.insert(1, 1);
+  EXPECT_TRUE(table.near(0) == table.end());
 }
 
 }  // namespace
