@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <string_view>
 
 #include "SfeModules/Assert.h"
 #include "SfeModules/Mfib.h"
@@ -11,8 +12,6 @@
 namespace SfeModules {
 
 namespace {
-
-using Orp::TextWriter;
 
 // A short text that is copied whole, whatever its length.
 template <size_t kRoom>
@@ -74,97 +73,133 @@ constexpr Octets kOctets = [] {
   return octets;
 }();
 
-// Prints routes into one text: most of a route's text is put together in one piece and copied once.
+// What most routes have between their incoming and their outgoing interfaces, which differs from
+// others in the three digits alone.
+constexpr char kPlainMiddle[] =
+    "\nIifFrr: \nNotify: \nFastdrop: \nToCpu: 0\nIifRegister: 0\nOifRegister: 0\nOifs: ";
+constexpr size_t kFirstFlag = std::string_view(kPlainMiddle).find('0');
+constexpr size_t kSecondFlag = std::string_view(kPlainMiddle).find('0', kFirstFlag + 1);
+constexpr size_t kThirdFlag = std::string_view(kPlainMiddle).find('0', kSecondFlag + 1);
+
+// The steps write at `at`, where there is room for them, and return where they ended.
+template <size_t kSize>
+char* put(char* at, const char (&literal)[kSize]) {
+  std::memcpy(at, literal, kSize - 1);
+  return at + kSize - 1;
+}
+template <size_t kRoom>
+char* put(char* at, const ShortText<kRoom>& text) {
+  std::memcpy(at, text.chars.data(), kRoom);
+  return at + text.length;
+}
+
+char* putNumber(char* at, uint32_t value) {
+  constexpr ptrdiff_t kDigits = 10;
+  return value < kOctets.size() ? put(at, kOctets[value])
+                                : std::to_chars(at, at + kDigits, value).ptr;
+}
+
+// As addrArrayToStr() has it.
+char* putAddr(char* at, const AddrBytes& addr, unsigned int af) {
+  constexpr unsigned kAfIpv6 = 2;
+  constexpr char kHex[] = "0123456789abcdef";
+  if (af == kAfIpv4) {
+    for (unsigned i = 0; i < kIpv4AddrLen; ++i) {
+      at = put(at, kOctets[addr[i]]);
+      *at++ = '.';
+    }
+    return at - 1;
+  }
+  if (af != kAfIpv6) {
+    for (const uint8_t byte : addr) {
+      at = put(at, kOctets[byte]);
+    }
+    return at;
+  }
+  for (unsigned i = 0; i < kIpv6AddrLen; i += 2) {
+    *at++ = kHex[addr[i] >> 4];
+    *at++ = kHex[addr[i] & 0xf];
+    *at++ = kHex[addr[i + 1] >> 4];
+    *at++ = kHex[addr[i + 1] & 0xf];
+    *at++ = ':';
+  }
+  return at - 1;
+}
+
+// Prints routes into a buffer, and the full buffer into the text.
 class RoutePrinter {
  public:
   RoutePrinter(std::string& text, unsigned int af) : text_(text), af_(af) {}
 
   void print(const MfibKey& key, const MfibPvSet& entry) {
-    put("Source: ");
-    putAddr(key.source);
-    put(" Group: ");
-    putAddr(key.group);
-    intfLine("\nIif: ", entry.iif);
-    if (entry.iifFrr.isNone() && entry.notify.isNone() && entry.fastdrop.isNone()) {
-      put("\nIifFrr: \nNotify: \nFastdrop: ");
-    } else {
-      intfLine("\nIifFrr: ", entry.iifFrr);
-      intfLine("\nNotify: ", entry.notify);
-      intfLine("\nFastdrop: ", entry.fastdrop);
-    }
-    put("\nToCpu: ");
-    *at_++ = flag(entry.toCpu);
-    put("\nIifRegister: ");
-    *at_++ = flag(entry.iifRegister);
-    put("\nOifRegister: ");
-    *at_++ = flag(entry.oifRegister);
-    put("\nOifs: ");
+    char* at = makeRoom(end_);
+    at = put(at, "Source: ");
+    at = putAddr(at, key.source, af_);
+    at = put(at, " Group: ");
+    at = putAddr(at, key.group, af_);
+    at = putIntf(put(at, "\nIif: "), entry.iif);
+    at = putMiddle(at, entry);
     for (uint32_t i = 0; i < entry.numOifs; ++i) {
-      separate(i);
-      put(names_.of(entry.oifs[i]));
+      at = put(makeRoom(at), names_.of(entry.oifs[i]));
+      *at++ = ' ';
     }
-    put("\nOifGates: ");
+    at -= entry.numOifs > 0 ? 1 : 0;
+    at = put(at, "\nOifGates: ");
     for (uint32_t i = 0; i < entry.numOifs; ++i) {
-      separate(i);
-      at_ = std::to_chars(at_, piece_.end(), entry.oifGates[i]).ptr;
+      at = putNumber(makeRoom(at), entry.oifGates[i]);
+      *at++ = ' ';
     }
-    *at_++ = '\n';
-    finishPiece();
+    at -= entry.numOifs > 0 ? 1 : 0;
+    *at++ = '\n';
+    end_ = at;
   }
+
+  // Completes the text.
+  void finish() { flush(end_); }
 
  private:
-  // What comes before the first outgoing interface, or after the last, is shorter.
-  static constexpr size_t kRoomLeft = 512;
+  // What comes before the first outgoing interface, and what comes after the last, is shorter.
+  static constexpr size_t kRoom = 512;
 
-  template <size_t kSize>
-  void put(const char (&literal)[kSize]) {
-    std::memcpy(at_, literal, kSize - 1);
-    at_ += kSize - 1;
-  }
-  template <size_t kRoom>
-  void put(const ShortText<kRoom>& text) {
-    std::memcpy(at_, text.chars.data(), kRoom);
-    at_ += text.length;
-  }
-  void putAddr(const AddrBytes& addr) {
-    if (af_ != kAfIpv4) {
-      finishPiece();
-      writeAddr(text_, addr.data(), af_);
-      return;
-    }
-    for (unsigned i = 0; i < kIpv4AddrLen; ++i) {
-      put(kOctets[addr[i]]);
-      *at_++ = '.';
-    }
-    --at_;
-  }
   // An interface that a route may do without prints as nothing.
-  template <size_t kSize>
-  void intfLine(const char (&label)[kSize], Nynet::IntfId id) {
-    put(label);
-    if (!id.isNone()) {
-      put(names_.of(id));
+  char* putIntf(char* at, Nynet::IntfId id) { return id.isNone() ? at : put(at, names_.of(id)); }
+  char* putMiddle(char* at, const MfibPvSet& entry) {
+    if (!entry.iifFrr.isNone() || !entry.notify.isNone() || !entry.fastdrop.isNone()) [[unlikely]] {
+      at = putIntf(put(at, "\nIifFrr: "), entry.iifFrr);
+      at = putIntf(put(at, "\nNotify: "), entry.notify);
+      at = putIntf(put(at, "\nFastdrop: "), entry.fastdrop);
+      *(at = put(at, "\nToCpu: ")) = flag(entry.toCpu);
+      *(at = put(at + 1, "\nIifRegister: ")) = flag(entry.iifRegister);
+      *(at = put(at + 1, "\nOifRegister: ")) = flag(entry.oifRegister);
+      return put(at + 1, "\nOifs: ");
     }
+    char* const end = put(at, kPlainMiddle);
+    at[kFirstFlag] = flag(entry.toCpu);
+    at[kSecondFlag] = flag(entry.iifRegister);
+    at[kThirdFlag] = flag(entry.oifRegister);
+    return end;
   }
-  static char flag(bool value) { return value ? '1' : '0'; }
-  void separate(uint32_t index) {
-    if (piece_.end() - at_ < static_cast<ptrdiff_t>(kRoomLeft)) {
-      finishPiece();
+  static char flag(bool value) { return static_cast<char>('0' + (value ? 1 : 0)); }
+
+  // Returns: where to go on, with room for kRoom more.
+  char* makeRoom(char* at) {
+    if (buffer_.data() + buffer_.size() - at < static_cast<ptrdiff_t>(kRoom)) [[unlikely]] {
+      // What was written may still be taken back by one.
+      flush(at - 1);
+      buffer_[0] = at[-1];
+      return buffer_.data() + 1;
     }
-    if (index > 0) {
-      *at_++ = ' ';
-    }
+    return at;
   }
-  void finishPiece() {
-    text_ << std::string_view(piece_.data(), static_cast<size_t>(at_ - piece_.data()));
-    at_ = piece_.data();
+  void flush(const char* end) {
+    text_.append(buffer_.data(), static_cast<size_t>(end - buffer_.data()));
   }
 
-  TextWriter text_;
+  std::string& text_;
   const unsigned int af_;
   IntfNames names_;
-  std::array<char, TextWriter::kMaxPart> piece_;
-  char* at_ = piece_.data();
+  std::array<char, 16 * 1024> buffer_;
+  char* end_ = buffer_.data();
 };
 
 }  // namespace
@@ -181,6 +216,7 @@ std::string getMroutes(Mfib* mfib, unsigned int af) {
     walkRoutes(*mfib->mfib_, [&printer](const MfibKey& key, const MfibPvSet& entry) {
       printer.print(key, entry);
     });
+    printer.finish();
   }
   mfib->lastDumpBytes_.store(text.size(), std::memory_order_relaxed);
   return text;
