@@ -71,7 +71,7 @@ std::string ControlService::pluginPath(const std::string& name) const {
 
 grpc::Status ControlService::onControlThread(const std::function<void()>& work) {
   try {
-    control_.call(work);
+    control_.callHere(work);
     return grpc::Status::OK;
   } catch (const std::exception&) {
     return {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};

@@ -2,8 +2,8 @@
 // control thread and translates the answer.
 //
 // Threads    : every operation on any of the server's threads; all work happens on the control
-// thread, in the order of
-//              arrival. The extensions are called there too.
+//              thread, or in its place (ControlThread), in the order of arrival. The extensions are
+//              called there too.
 // Errors     : what a request did wrong is in the answer's error object; a call that comes while
 // the control thread
 //              ends has status UNAVAILABLE, one that the client may not make PERMISSION_DENIED. A

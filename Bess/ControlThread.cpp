@@ -9,7 +9,7 @@
 #include "Base/RcuAnnotate.h"
 #include "Bess/GenericCommand.h"
 
-ControlThread::ControlThread() : thread_([this] { loop(); }), id_(thread_.get_id()) {}
+ControlThread::ControlThread() : thread_([this] { loop(); }) {}
 
 ControlThread::~ControlThread() {
   stop();
@@ -51,6 +51,28 @@ void ControlThread::waitOffline(const std::function<void()>& wait) {
   }
 }
 
+bool ControlThread::beginTurn() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (stopping_ || !queue_.empty() || runner_ != std::thread::id()) {
+      return false;
+    }
+    runner_ = std::this_thread::get_id();
+  }
+  urcu_qsbr_register_thread();
+  return true;
+}
+
+void ControlThread::endTurn() {
+  SFE_RCU_QUIESCENT();
+  urcu_qsbr_unregister_thread();
+  const std::lock_guard lock(mutex_);
+  runner_ = std::thread::id();
+  if (stopping_ || !queue_.empty()) {
+    wake_.notify_one();
+  }
+}
+
 void ControlThread::loop() {
   pthread_setname_np(pthread_self(), "bess-control");
   urcu_qsbr_register_thread();
@@ -60,7 +82,12 @@ void ControlThread::loop() {
     urcu_qsbr_thread_offline();
     {
       std::unique_lock lock(mutex_);
-      wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (onThread()) {
+        runner_ = std::thread::id();
+      }
+      wake_.wait(lock,
+                 [this] { return runner_ == std::thread::id() && (stopping_ || !queue_.empty()); });
+      runner_ = std::this_thread::get_id();
       if (!queue_.empty()) {
         fn = std::move(queue_.front());
         queue_.pop_front();
