@@ -97,9 +97,9 @@ TEST_F(PacketTest, copiesAsOftenAsThePoolCan) {
     PacketPtr pkt = make(data);
     fillMetadata(pkt.get());
     std::array<Packet*, 20> copies{};
-    ASSERT_EQ(Packet::copy(pkt.get(), copies.data(), 3), 3U);
-    ASSERT_EQ(Packet::copy(pkt.get(), copies.data() + 3, 17), 4U) << "8 packets are in the pool";
-    ASSERT_EQ(Packet::copy(pkt.get(), copies.data() + 7, 1), 0U);
+    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data(), 3), 3U);
+    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 3, 17), 4U) << "8 packets are in the pool";
+    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 7, 1), 0U);
     for (size_t i = 0; i < 7; ++i) {
       EXPECT_EQ(bytesOf(copies[i]), data);
       EXPECT_EQ(copies[i]->totalLen(), bytes);
@@ -116,8 +116,8 @@ TEST_F(PacketTest, copiesNothingOfAChainOrNoTimes) {
   PacketPtr chain = makeChain("one", "two");
   PacketPtr pkt = make("one");
   std::array<Packet*, 2> copies{};
-  EXPECT_EQ(Packet::copy(chain.get(), copies.data(), 2), 0U);
-  EXPECT_EQ(Packet::copy(pkt.get(), copies.data(), 0), 0U);
+  EXPECT_EQ(Packet::copy(chain.get(), chain->metadata<char*>(), copies.data(), 2), 0U);
+  EXPECT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data(), 0), 0U);
   EXPECT_EQ(pool_.inUse(), 3U);
 }
 

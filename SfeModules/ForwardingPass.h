@@ -14,7 +14,6 @@
 #include <glog/logging.h>
 
 #include <array>
-#include <bitset>
 #include <cstdint>
 
 #include "Bess/Context.h"
@@ -24,6 +23,7 @@
 #include "SfeModules/CounterEntries.h"
 #include "SfeModules/MfibTypes.h"
 #include "SfeModules/NyUrcuHt.h"
+#include "SfeModules/PacketFates.h"
 
 namespace SfeModules {
 
@@ -43,14 +43,14 @@ class ForwardingPass {
   };
 
   // An outgoing interface and the gate that leads to it.
-  struct Outgoing {
+  struct alignas(64) Outgoing {
     uint64_t intf;
     uint16_t gate;
-    uint16_t vlanId;  // of the interface, 0 when it has none
-    uint32_t packets;
-    uint32_t bytes;
+    uint16_t vlanId;          // of the interface, 0 when it has none
+    uint32_t bytes;           // appended in this pass
+    bess::PacketBatch* batch;  // null until a packet is appended
+    int before;               // packets in the batch that other passes have appended
     IntfCounterEntry* counters;
-    bess::PacketBatch* batch;
 
     bool is(Nynet::IntfId id, uint16_t itsGate) const {
       return intf == id.value() && gate == itsGate;
@@ -61,21 +61,25 @@ class ForwardingPass {
                  TimePoint now,
                  OutputBatchMap& map,
                  const IntfSet& multicastIntfs,
-                 IntfCounters& intfCounters)
+                 IntfCounters& intfCounters,
+                 const PacketFates& fates)
       : ctx_(ctx),
         now_(now),
         map_(map),
         multicastIntfs_(multicastIntfs),
-        intfCounters_(intfCounters) {}
+        intfCounters_(intfCounters),
+        fates_(fates) {}
   ~ForwardingPass() {
     settle(incoming_);
     settle(route_);
     for (size_t i = 0; i < opened_; ++i) {
-      settle(slots_[order_[i]]);
+      settle(outs_[i]);
     }
     if (spareUsed_) {
-      settle(slots_[kSlots]);
+      settle(outs_[kSlots]);
     }
+    settle(Fate::kForwarded, forwarded_);
+    settle(Fate::kCopied, copied_);
   }
   ForwardingPass(const ForwardingPass&) = delete;
   ForwardingPass& operator=(const ForwardingPass&) = delete;
@@ -85,11 +89,8 @@ class ForwardingPass {
 
   // Returns: the interface's record, good until the next call.
   Incoming& incoming(uint64_t intf) {
-    if (incoming_.counters == nullptr || incoming_.intf != intf) {
-      settle(incoming_);
-      incoming_ = {.intf = intf,
-                   .multicast = multicastIntfs_.contains(intf),
-                   .counters = &countingEntry(intfCounters_, intf)};
+    if (incoming_.counters == nullptr || incoming_.intf != intf) [[unlikely]] {
+      open(incoming_, intf);
     }
     return incoming_;
   }
@@ -104,33 +105,23 @@ class ForwardingPass {
     route_.bytes += bytes;
   }
 
+  void countForwarded() { ++forwarded_; }
+  void countCopied(size_t copies) { copied_ += copies; }
+
   // Returns: the record of (interface, gate), good until the next call.
   Outgoing& outgoing(Nynet::IntfId oif, uint16_t gate) {
-    size_t slot = slotOf(oif, gate);
-    for (size_t probe = 0; probe < kProbes; ++probe) {
-      if (!used_[slot]) {
-        used_.set(slot);
-        order_[opened_++] = static_cast<uint8_t>(slot);
-        return open(slots_[slot], oif, gate);
-      }
-      if (slots_[slot].is(oif, gate)) [[likely]] {
-        return slots_[slot];
-      }
-      slot = (slot + 1) % kSlots;
+    const size_t place = places_[slotOf(oif, gate)];
+    if (place != 0 && outs_[place - 1].is(oif, gate)) [[likely]] {
+      return outs_[place - 1];
     }
-    return spare(oif, gate);
+    return findOrOpen(oif, gate);
   }
 
   // Sends a packet with the others of this pass that leave the same way.
-  void append(Outgoing& out, bess::Packet* pkt) {
-    if (out.batch == nullptr) {
-      bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, out.gate}];
-      if (batch == nullptr) {
-        batch = ctx_->task->AllocPacketBatch();
-      }
-      out.batch = batch;
+  [[gnu::always_inline]] void append(Outgoing& out, bess::Packet* pkt) {
+    if (out.batch == nullptr) [[unlikely]] {
+      openBatch(out);
     }
-    out.packets += 1;
     out.bytes += pkt->totalLen();
     CHECK(!out.batch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
     out.batch->add(pkt);
@@ -153,19 +144,42 @@ class ForwardingPass {
   }
   static_assert(kSlots == size_t{1} << (64 - 57));
 
+  [[gnu::noinline]] void open(Incoming& in, uint64_t intf) {
+    settle(in);
+    in = {.intf = intf,
+          .multicast = multicastIntfs_.contains(intf),
+          .counters = &countingEntry(intfCounters_, intf)};
+  }
+
   Outgoing& open(Outgoing& out, Nynet::IntfId oif, uint16_t gate) {
     out = {.intf = oif.value(),
            .gate = gate,
            .vlanId = Nynet::VlanIntfId::vlanId(oif),
-           .packets = 0,
            .bytes = 0,
-           .counters = &countingEntry(intfCounters_, oif.value()),
-           .batch = nullptr};
+           .batch = nullptr,
+           .before = 0,
+           .counters = &countingEntry(intfCounters_, oif.value())};
     return out;
   }
 
+  [[gnu::noinline]] Outgoing& findOrOpen(Nynet::IntfId oif, uint16_t gate) {
+    size_t slot = slotOf(oif, gate);
+    for (size_t probe = 0; probe < kProbes; ++probe) {
+      if (places_[slot] == 0) {
+        Outgoing& out = open(outs_[opened_], oif, gate);
+        places_[slot] = static_cast<uint8_t>(++opened_);
+        return out;
+      }
+      if (Outgoing& out = outs_[places_[slot] - 1]; out.is(oif, gate)) {
+        return out;
+      }
+      slot = (slot + 1) % kSlots;
+    }
+    return spare(oif, gate);
+  }
+
   Outgoing& spare(Nynet::IntfId oif, uint16_t gate) {
-    Outgoing& out = slots_[kSlots];
+    Outgoing& out = outs_[kSlots];
     if (spareUsed_) {
       if (out.is(oif, gate)) {
         return out;
@@ -174,6 +188,15 @@ class ForwardingPass {
     }
     spareUsed_ = true;
     return open(out, oif, gate);
+  }
+
+  [[gnu::noinline]] void openBatch(Outgoing& out) {
+    bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, out.gate}];
+    if (batch == nullptr) {
+      batch = ctx_->task->AllocPacketBatch();
+    }
+    out.batch = batch;
+    out.before = batch->cnt();
   }
 
   // An entry that was withdrawn since it was found counts again, like one that is found later.
@@ -193,10 +216,15 @@ class ForwardingPass {
     }
   }
   static void settle(const Outgoing& out) {
-    if (out.packets != 0) {
+    if (out.batch != nullptr) {
       IntfCounterEntry& counters = revive(*out.counters);
-      counters.pktsOut += out.packets;
+      counters.pktsOut += static_cast<uint32_t>(out.batch->cnt() - out.before);
       counters.bytesOut += out.bytes;
+    }
+  }
+  void settle(Fate fate, uint64_t packets) const {
+    if (packets != 0) {
+      fates_.count(ctx_->wid, fate, packets);
     }
   }
 
@@ -205,14 +233,16 @@ class ForwardingPass {
   OutputBatchMap& map_;
   const IntfSet& multicastIntfs_;
   IntfCounters& intfCounters_;
+  const PacketFates& fates_;
 
   Incoming incoming_;
   Route route_;
-  std::bitset<kSlots> used_;
+  uint64_t forwarded_ = 0;
+  uint64_t copied_ = 0;
   size_t opened_ = 0;
-  std::array<uint8_t, kSlots> order_;  // the slots in use, as they were opened
   bool spareUsed_ = false;
-  std::array<Outgoing, kSlots + 1> slots_;  // a slot is written before its bit is set
+  std::array<uint8_t, kSlots> places_{};  // by slot: 1 + the index in outs_, 0 when it is free
+  std::array<Outgoing, kSlots + 1> outs_;  // the opened ones, then unused ones, last the spare one
 };
 
 }  // namespace SfeModules

@@ -131,7 +131,11 @@ class Mfib : public Module {
   bool noCacheAlertLimited(uint8_t ttl) const;  // of packets with that TTL
   bool sgAlertDue(const MfibKey& key, TimePoint now) const;
   bool canSendSgAlert(const MfibKey& key, TimePoint now);  // and takes note of the alert
-  bool canAlertWrongVif(const MfibKey& key, Mfib_U64 iif, const MfibPvSet& entry) const;
+  // `now`: no more than a second ago.
+  bool canAlertWrongVif(const MfibKey& key,
+                        Mfib_U64 iif,
+                        const MfibPvSet& entry,
+                        TimePoint now = Clock::now()) const;
   void addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now);
   bool sgAlertCleanup();
   bool wrongVifTimestampReview();
@@ -171,24 +175,28 @@ class Mfib : public Module {
 
   // What one packet carries through the steps of the packet path.
   struct PacketWork {
-    ForwardingPass* pass = nullptr;
-    bess::Packet* pkt = nullptr;
-    bool reinjected = false;
+    ForwardingPass* pass;
+    bess::Packet* pkt;
+    uint64_t inIntf;
+    bool reinjected;
     Parsed parsed = Parsed::kCutOff;
     Search search = Search::kNone;
-    uint32_t carriedWord1 = 0;
-    uint32_t carriedWord2 = 0;
-    uint64_t inIntf = 0;
-    PacketHeaders headers;
     uint32_t routeHash = 0;  // of the packet's key, in the two tables
     uint32_t counterHash = 0;
     FoundRoute sourceGroup = nullptr;  // the (S,G) route
     FoundCounters counters = nullptr;
     MrouteCounterEntry* routeCounters = nullptr;
     bess::PacketBatch* deadBatch = nullptr;
+    PacketHeaders headers = {};
 
     Context* ctx() const { return pass->ctx(); }
     TimePoint now() const { return pass->now(); }
+  };
+  // Room for those of a batch, each of which is made when its packet arrives.
+  union BatchWork {
+    BatchWork() {}
+    ~BatchWork() {}
+    std::array<PacketWork, bess::PacketBatch::kMaxBurst> packets;
   };
   LookupResult lookup(const MfibKey& key, const Mfib_U64& iif, FoundRoute sourceGroup) const;
 
@@ -204,32 +212,33 @@ class Mfib : public Module {
   void destroyTables();
 
   // What is done for all packets of a batch before the first one is decided on.
-  void arrive(PacketWork& work, bess::Packet* pkt, bool reinjected, ForwardingPass& pass) const;
-  void hash(PacketWork& work, const PacketWork* previous) const;
-  void locate(const PacketWork& work) const;
-  void lookUp(PacketWork& work, const PacketWork* previous) const;
+  [[gnu::always_inline]] PacketWork& arrive(void* room, bess::Packet* pkt, bool reinjected, ForwardingPass& pass) const;
+  [[gnu::always_inline]] void hash(PacketWork& work, const PacketWork* previous) const;
+  [[gnu::always_inline]] void locate(const PacketWork& work) const;
+  [[gnu::always_inline]] void lookUp(PacketWork& work, const PacketWork* previous) const;
 
   // Steps of the packet path, in their order.
   bool decide(PacketWork& work);
-  Parsed parse(PacketWork& work) const;
+  [[gnu::always_inline]] Parsed parse(PacketWork& work) const;
   [[gnu::noinline]] bool passUnchanged(PacketWork& work);
+  [[gnu::noinline]] const MfibPvSet* findAnySource(PacketWork& work);
   [[gnu::noinline]] bool handleMissingRoute(PacketWork& work);
-  void applyRoute(PacketWork& work, const MfibPvSet& entry);
+  [[gnu::always_inline]] void countForRoute(PacketWork& work);
+  [[gnu::always_inline]] void applyRoute(PacketWork& work, const MfibPvSet& entry);
   [[gnu::noinline]] void considerWrongVif(PacketWork& work, const MfibPvSet& entry);
-  Forwarded forward(PacketWork& work, const MfibPvSet& entry);
+  [[gnu::always_inline]] Forwarded forward(PacketWork& work, const MfibPvSet& entry);
+  void decapsulate(bess::Packet* pkt) const;
   [[gnu::noinline]] void sendWholePacket(PacketWork& work);
-  void rewriteIp(PacketWork& work) const;
-  void rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const;
-  void replicate(PacketWork& work, const MfibPvSet& entry);
-  void sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
+  [[gnu::always_inline]] void rewriteIp(PacketWork& work) const;
+  [[gnu::always_inline]] void rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const;
+  [[gnu::always_inline]] void replicate(PacketWork& work, const MfibPvSet& entry);
+  [[gnu::always_inline]] void sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
   [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
-  void sendCopy(PacketWork& work,
-                ForwardingPass::Outgoing& out,
-                bess::Packet* copy,
-                uint8_t gateSelect);
+  ForwardingMetadata metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const;
   static void addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch);
-  void drop(PacketWork& work, Fate reason);
-  static bool finish(PacketWork& work);
+  [[gnu::noinline]] void drop(PacketWork& work, Fate reason);
+  [[gnu::always_inline]] static bool finish(PacketWork& work);
+  [[gnu::noinline]] static void freeDropped(PacketWork& work);
   void fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork& work) const;
   void flush(Context* ctx, OutputBatchMap& map);
 

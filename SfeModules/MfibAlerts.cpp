@@ -87,18 +87,22 @@ bool Mfib::canSendSgAlert(const MfibKey& key, TimePoint now) {
 }
 
 // An alert goes out strictly after the interval, in integer nanoseconds, or at once when the route
-// was programmed since.
-bool Mfib::canAlertWrongVif(const MfibKey& key, Mfib_U64 iif, const MfibPvSet& entry) const {
+// was programmed since. The times stay while the caller reads, also when a review takes them away.
+bool Mfib::canAlertWrongVif(const MfibKey& key,
+                            Mfib_U64 iif,
+                            const MfibPvSet& entry,
+                            TimePoint now) const {
+  constexpr uint32_t kOldestNow = 1;  // seconds: the clock is asked only when it may matter
   const std::shared_ptr<AlertTimes>* perIntf = wrongVifTimestampTable_->find(key);
   if (perIntf == nullptr) {
     return true;
   }
-  const std::shared_ptr<AlertTimes> times = *perIntf;  // a review may take the outer entry away
-  const TimePoint* last = times->find(iif.value);
+  const TimePoint* last = (*perIntf)->find(iif.value);
   if (last == nullptr || entry.createTime >= *last) {
     return true;
   }
-  return Clock::now() > *last + seconds(wrongVifAlertInterval_);
+  const TimePoint quiet = *last + seconds(wrongVifAlertInterval_);
+  return now + seconds(kOldestNow) > quiet && Clock::now() > quiet;
 }
 
 void Mfib::addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now) {

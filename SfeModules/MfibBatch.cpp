@@ -1,6 +1,7 @@
 // The packet path's way through a batch: everything that waits for memory is asked for ahead.
 
 #include <array>
+#include <new>
 
 #include "SfeModules/ForwardingPass.h"
 #include "SfeModules/Mfib.h"
@@ -12,9 +13,9 @@ bool Mfib::ProcessPacket(Context* ctx,
                          bool reinjected,
                          OutputBatchMap& map,
                          TimePoint now) {
-  ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_);
-  PacketWork work;
-  arrive(work, pkt, reinjected, pass);
+  ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_, fates_);
+  BatchWork room;
+  PacketWork& work = arrive(room.packets.data(), pkt, reinjected, pass);
   hash(work, nullptr);
   lookUp(work, nullptr);
   return decide(work);
@@ -25,46 +26,49 @@ bool Mfib::ProcessPacket(Context* ctx,
 void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   OutputBatchMap map(1);
   {
-    ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_);
-    std::array<PacketWork, bess::PacketBatch::kMaxBurst> works;
-    const auto count = static_cast<size_t>(batch->cnt());
+    ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_);
+    BatchWork room;
+    const auto begin = room.packets.begin();
+    const auto end = begin + batch->cnt();
     for (bess::Packet* pkt : *batch) {
       __builtin_prefetch(pkt->metadata<char*>());
       __builtin_prefetch(pkt->headData());
     }
-    for (size_t i = 0; i < count; ++i) {
-      arrive(works[i], batch->pkts()[i], false, pass);
-      hash(works[i], i == 0 ? nullptr : &works[i - 1]);
+    auto* work = begin;
+    const PacketWork* previous = nullptr;
+    for (bess::Packet* pkt : *batch) {
+      hash(arrive(work, pkt, false, pass), previous);
+      previous = work++;
     }
-    for (size_t i = 0; i < count; ++i) {
-      locate(works[i]);
+    for (work = begin; work != end; ++work) {
+      locate(*work);
     }
-    for (size_t i = 0; i < count; ++i) {
-      lookUp(works[i], i == 0 ? nullptr : &works[i - 1]);
+    previous = nullptr;
+    for (work = begin; work != end; previous = work++) {
+      lookUp(*work, previous);
     }
-    for (size_t i = 0; i < count; ++i) {
-      decide(works[i]);
+    for (work = begin; work != end; ++work) {
+      decide(*work);
     }
   }
   flush(ctx, map);
 }
 
-void Mfib::arrive(PacketWork& work,
-                  bess::Packet* pkt,
-                  bool reinjected,
-                  ForwardingPass& pass) const {
-  const ForwardingMetadata& arrived = metadataOf(pkt);
-  work.pass = &pass;
-  work.pkt = pkt;
-  work.reinjected = reinjected;
-  work.inIntf = arrived.inIntfOrZero();
-  work.carriedWord1 = arrived.carriedWord1OrZero();
-  work.carriedWord2 = arrived.carriedWord2OrZero();
+// `room`: for a PacketWork.
+inline Mfib::PacketWork& Mfib::arrive(void* room,
+                                      bess::Packet* pkt,
+                                      bool reinjected,
+                                      ForwardingPass& pass) const {
+  PacketWork& work = *new (room) PacketWork{.pass = &pass,
+                                            .pkt = pkt,
+                                            .inIntf = metadataOf(pkt).inIntfOrZero(),
+                                            .reinjected = reinjected};
   work.parsed = parse(work);
+  return work;
 }
 
 // `previous`: the packet before, often of the same route.
-void Mfib::hash(PacketWork& work, const PacketWork* previous) const {
+inline void Mfib::hash(PacketWork& work, const PacketWork* previous) const {
   const MfibKey& key = work.headers.key;
   if (work.parsed != Parsed::kOk || !isRoutableGroup(key.group, ipv4())) {
     return;
@@ -75,12 +79,14 @@ void Mfib::hash(PacketWork& work, const PacketWork* previous) const {
   }
   work.search = Search::kOwn;
   work.routeHash = mfib_->nyHash(key);
-  work.counterHash = mrouteCounterTable_->nyHash(key);
+  // Tables that were made in the same second have the same seed.
+  work.counterHash = mrouteCounterTable_->seed() == mfib_->seed() ? work.routeHash
+                                                                  : mrouteCounterTable_->nyHash(key);
   mfib_->prefetchSet(work.routeHash);
   mrouteCounterTable_->prefetchSet(work.counterHash);
 }
 
-void Mfib::locate(const PacketWork& work) const {
+inline void Mfib::locate(const PacketWork& work) const {
   if (work.search == Search::kOwn) {
     mfib_->prefetchNode(work.routeHash);
     mrouteCounterTable_->prefetchNode(work.counterHash);
@@ -88,7 +94,7 @@ void Mfib::locate(const PacketWork& work) const {
 }
 
 // Finds the (S,G) route and its counters.
-void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
+inline void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
   const MfibKey& key = work.headers.key;
   if (work.search == Search::kAsPrevious) {
     work.sourceGroup = previous->sourceGroup;
@@ -107,7 +113,7 @@ void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
   }
 }
 
-Parsed Mfib::parse(PacketWork& work) const {
+inline Parsed Mfib::parse(PacketWork& work) const {
   if (ipv4()) {
     return parseIpv4(work.pkt, modeFlag_ ? kEtherLen : 0, work.headers);
   }

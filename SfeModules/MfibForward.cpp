@@ -57,13 +57,20 @@ void copyOut(bess::Packet* pkt, size_t offset, uint8_t* to, size_t length) {
   }
 }
 
-// Copies of a packet, which carry its metadata and nothing of an earlier packet. Returns: how many.
-size_t copiesOf(bess::Packet* pkt, bess::Packet** copies, size_t n) {
+// Copies of a packet with `metadata`. Returns: how many.
+size_t copiesOf(bess::Packet* pkt,
+                const ForwardingMetadata& metadata,
+                bess::Packet** copies,
+                size_t n) {
   if (pkt->isLinear()) {
-    return bess::Packet::copy(pkt, copies, n);
+    return bess::Packet::copy(pkt, &metadata, copies, n);
   }
   copies[0] = bess::Packet::clone(pkt);
-  return copies[0] == nullptr ? 0 : 1;
+  if (copies[0] == nullptr) {
+    return 0;
+  }
+  metadataOf(copies[0]) = metadata;
+  return 1;
 }
 
 uint32_t hostOrder(const AddrBytes& ipv4) {
@@ -101,43 +108,55 @@ Mfib::LookupResult Mfib::lookup(const MfibKey& key,
   return {nullptr, Match::kNone, search};
 }
 
-[[gnu::flatten]] bool Mfib::decide(PacketWork& work) {
+bool Mfib::decide(PacketWork& work) {
   ForwardingPass::Incoming& incoming = work.pass->incoming(work.inIntf);
   if (!work.reinjected) {
     incoming.packets += 1;
     incoming.bytes += work.pkt->totalLen();
   }
-  if (work.parsed != Parsed::kOk) {
+  if (work.parsed != Parsed::kOk) [[unlikely]] {
     drop(work, work.parsed == Parsed::kCutOff ? Fate::kDropCutOff : Fate::kDropPim);
     return finish(work);
   }
   const MfibKey& key = work.headers.key;
-  if (!isRoutableGroup(key.group, ipv4())) {
+  if (!isRoutableGroup(key.group, ipv4())) [[unlikely]] {
     return passUnchanged(work);
   }
-  if (addrArrayToGenAddr(key.group.data(), af_).isLinkLocalMulticast()) {
+  if (isLinkLocalGroup(key.group, ipv4())) [[unlikely]] {
     drop(work, Fate::kDropLinkLocal);
     return finish(work);
   }
-  if (!admitsFrom(incoming.multicast, work.headers.encap)) {
+  if (!admitsFrom(incoming.multicast, work.headers.encap)) [[unlikely]] {
     bessCounterInc(work.ctx()->wid, nonMcastIifCounterId_);
     drop(work, Fate::kDropNonMulticastIntf);
     return finish(work);
   }
-
-  const LookupResult match = lookup(key, {work.inIntf}, work.sourceGroup);
-  if (match.status == Match::kNone) {
+  const MfibPvSet* entry =
+      work.sourceGroup != nullptr ? work.sourceGroup->get() : findAnySource(work);
+  if (entry == nullptr) {
     return handleMissingRoute(work);
   }
+  countForRoute(work);
+  applyRoute(work, *entry);
+  return finish(work);
+}
+
+// Returns: the (*,G) route that takes the packet, null when there is none.
+const MfibPvSet* Mfib::findAnySource(PacketWork& work) {
+  const MfibKey& key = work.headers.key;
+  const LookupResult match = lookup(key, {work.inIntf}, nullptr);
   if (match.status == Match::kWildcard) {
     generateNoCacheAlert(work.ctx(), key, {work.inIntf}, kTtlOfWildcardAlert, work.now());
   }
-  // Counted under the packet's own (S,G), also when the (*,G) entry is used.
-  work.routeCounters = work.counters != nullptr ? &revive(**work.counters)
-                                                : &countingEntry(*mrouteCounterTable_, key);
+  return match.entry;
+}
+
+// Counted under the packet's own (S,G), also when the (*,G) entry is used.
+inline void Mfib::countForRoute(PacketWork& work) {
+  work.routeCounters = work.counters != nullptr
+                           ? &revive(**work.counters)
+                           : &countingEntry(*mrouteCounterTable_, work.headers.key);
   work.pass->countRoute(*work.routeCounters, work.pkt->totalLen());
-  applyRoute(work, *match.entry);
-  return finish(work);
 }
 
 // Not multicast, or link-local IPv6: not ours. It leaves by gate 0 at once, as it came.
@@ -183,7 +202,7 @@ bool Mfib::handleMissingRoute(PacketWork& work) {
 }
 
 // The interface check, and what follows from it.
-void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
+inline void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
   const bool decap = work.headers.decap;
   switch (checkIif(entry, work.inIntf, decap, modeFlag_)) {
     case IifCheck::kNotRegister:
@@ -205,7 +224,7 @@ void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
 
 void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   const MfibKey& key = work.headers.key;
-  if (!canAlertWrongVif(key, {work.inIntf}, entry)) {
+  if (!canAlertWrongVif(key, {work.inIntf}, entry, work.now())) {
     notifications_.count(work.ctx()->wid, Notification::kWrongVifSuppressed);
     return;
   }
@@ -231,7 +250,7 @@ void Mfib::fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork&
   }
 }
 
-Mfib::Forwarded Mfib::forward(PacketWork& work, const MfibPvSet& entry) {
+inline Mfib::Forwarded Mfib::forward(PacketWork& work, const MfibPvSet& entry) {
   if (!ttlAllowsForwarding(work.headers.ttl)) {
     drop(work, Fate::kDropTtl);
     return Forwarded::kTtlExpired;
@@ -274,34 +293,37 @@ void Mfib::sendWholePacket(PacketWork& work) {
   notifySocket_->txMrtNotificationWithIntfId(wholePktMsg_, work.inIntf);
 }
 
-void Mfib::rewriteIp(PacketWork& work) const {
+// Takes the outer headers of a Register message off.
+void Mfib::decapsulate(bess::Packet* pkt) const {
+  advance(pkt, ipv4() ? kIpv4RegisterBytes : kIpv6RegisterBytes);
+  if (modeFlag_ || !ipv4()) {
+    writeEtherType(pkt->headData<uint8_t*>(), ipv4() ? RTE_ETHER_TYPE_IPV4 : RTE_ETHER_TYPE_IPV6);
+  }
+}
+
+inline void Mfib::rewriteIp(PacketWork& work) const {
   bess::Packet* pkt = work.pkt;
+  if (work.headers.decap) [[unlikely]] {
+    decapsulate(pkt);
+  }
+  auto* data = pkt->headData<uint8_t*>();
   if (!ipv4()) {
-    if (work.headers.decap) {
-      advance(pkt, kIpv6RegisterBytes);
-      writeEtherType(pkt->headData<uint8_t*>(), RTE_ETHER_TYPE_IPV6);
-    }
-    decrementByte(pkt->headData<uint8_t*>() + kEtherLen + offsetof(rte_ipv6_hdr, hop_limits));
+    decrementByte(data + kEtherLen + offsetof(rte_ipv6_hdr, hop_limits));
     return;
   }
-  if (work.headers.decap) {
-    advance(pkt, kIpv4RegisterBytes);
-    if (modeFlag_) {
-      writeEtherType(pkt->headData<uint8_t*>(), RTE_ETHER_TYPE_IPV4);
-    }
+  if (modeFlag_) {
+    uint8_t* ip = data + kEtherLen;
+    rewriteIpv4Header(ip, ip[offsetof(rte_ipv4_hdr, type_of_service)]);
+    return;
   }
-  uint8_t* ip = pkt->headData<uint8_t*>() + (modeFlag_ ? kEtherLen : 0);
-  uint8_t tos = ip[offsetof(rte_ipv4_hdr, type_of_service)];
-  if (!modeFlag_) {
-    const uint32_t dscp = (metadataOf(pkt).qosMarkOrZero() >> kQosMarkShift) & kDscpMask;
-    tos = static_cast<uint8_t>(dscp | (tos & kEcnMask));
-  }
-  rewriteIpv4Header(ip, tos);
+  const uint32_t dscp = (metadataOf(pkt).qosMarkOrZero() >> kQosMarkShift) & kDscpMask;
+  const uint32_t ecn = data[offsetof(rte_ipv4_hdr, type_of_service)] & kEcnMask;
+  rewriteIpv4Header(data, static_cast<uint8_t>(dscp | ecn));
 }
 
 // The packet itself goes to the first interface, after its own rewrite; copies made of it go to the
 // others.
-void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
+inline void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
   const uint8_t gateSelect = modeFlag_ ? metadataOf(work.pkt).gateSelectOrZero() : uint8_t{0};
   sendOriginal(work, entry, gateSelect);
   if (entry.numOifs > 1) {
@@ -309,7 +331,7 @@ void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
   }
 }
 
-void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
+inline void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
   const Nynet::IntfId oif = entry.oifs[0];
   const auto gate = static_cast<uint16_t>(entry.oifGates[0]);
   ForwardingPass::Outgoing& out = work.pass->outgoing(oif, gate);
@@ -320,7 +342,7 @@ void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSe
     meta.encapHint = kEncapHintIp;
     meta.presence |= kHasEncapHint;
   }
-  if (!permitsGate(gateSelect, gate)) {
+  if (!permitsGate(gateSelect, gate)) [[unlikely]] {
     drop(work, Fate::kDropGate);  // it stays the source of the copies
     return;
   }
@@ -328,13 +350,32 @@ void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSe
   meta.vrfId = vrfId_;
   meta.outIntf = oif.value();
   meta.presence |= kHasVrfId | kHasOutIntf | kHasVlanId;
-  fates_.count(work.ctx()->wid, Fate::kForwarded);
+  work.pass->countForwarded();
   work.pass->append(out, work.pkt);
+}
+
+// What the metadata of a packet's copies have in common.
+ForwardingMetadata Mfib::metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const {
+  ForwardingMetadata meta = metadataOf(work.pkt);
+  meta.carriedByte = meta.carriedByteOrZero();
+  meta.carriedWord1 = meta.carriedWord1OrZero();
+  meta.carriedWord2 = meta.carriedWord2OrZero();
+  meta.vrfId = vrfId_;
+  meta.gateSelect = gateSelect;
+  meta.inIntf = work.inIntf;
+  meta.presence |= kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
+                   kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2;
+  if (!modeFlag_ && ipv4()) {
+    meta.encapHint = kEncapHintIp;
+    meta.presence |= kHasEncapHint;
+  }
+  return meta;
 }
 
 // The copies are made in bulk. An interface whose copy cannot be made, the pool being dry, goes
 // without.
 void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
+  const ForwardingMetadata common = metadataOfCopies(work, gateSelect);
   std::array<bess::Packet*, bess::PacketBatch::kMaxBurst> copies;
   size_t made = 0;
   size_t sent = 0;
@@ -348,41 +389,21 @@ void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSele
       // With a gate selection nobody knows how many more are wanted.
       const size_t wanted = gateSelect != 0 ? 1 : entry.numOifs - i;
       sent = 0;
-      made = copiesOf(work.pkt, copies.data(), std::min(wanted, copies.size()));
-      fates_.count(work.ctx()->wid, Fate::kCopied, made);
+      made = copiesOf(work.pkt, common, copies.data(), std::min(wanted, copies.size()));
+      work.pass->countCopied(made);
     }
     if (sent == made) {
       fates_.count(work.ctx()->wid, Fate::kCopyFailed);
       continue;
     }
-    sendCopy(work, out, copies[sent], gateSelect);
-    ++sent;
+    bess::Packet* copy = copies[sent++];
+    metadataOf(copy).vlanId = out.vlanId;
+    metadataOf(copy).outIntf = out.intf;
+    work.pass->append(out, copy);
   }
 }
 
-void Mfib::sendCopy(PacketWork& work,
-                    ForwardingPass::Outgoing& out,
-                    bess::Packet* copy,
-                    uint8_t gateSelect) {
-  ForwardingMetadata& meta = metadataOf(copy);
-  meta.carriedByte = meta.carriedByteOrZero();
-  meta.vlanId = out.vlanId;
-  meta.carriedWord1 = work.carriedWord1;
-  meta.carriedWord2 = work.carriedWord2;
-  meta.vrfId = vrfId_;
-  meta.gateSelect = gateSelect;
-  meta.inIntf = work.inIntf;
-  meta.outIntf = out.intf;
-  meta.presence |= kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
-                   kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2;
-  if (!modeFlag_ && ipv4()) {
-    meta.encapHint = kEncapHintIp;
-    meta.presence |= kHasEncapHint;
-  }
-  work.pass->append(out, copy);
-}
-
-void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
+inline void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
   auto* ether = pkt->headData<rte_ether_hdr*>();
   const uint64_t bridgeMac = bridgeMac_.load(std::memory_order_relaxed);
   std::memcpy(&ether->dst_addr, entry.dstMac.data(), kMacLen);
@@ -401,14 +422,18 @@ void Mfib::addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& d
   deadBatch->add(pkt);
 }
 
-bool Mfib::finish(PacketWork& work) {
-  if (work.deadBatch == nullptr) {
+inline bool Mfib::finish(PacketWork& work) {
+  if (work.deadBatch == nullptr) [[likely]] {
     return true;
   }
+  freeDropped(work);
+  return false;
+}
+
+void Mfib::freeDropped(PacketWork& work) {
   work.pass->incoming(work.inIntf).dropped += 1;
   bess::Packet::Free(work.pkt);
   work.deadBatch->clear();
-  return false;
 }
 
 }  // namespace SfeModules

@@ -73,13 +73,9 @@ struct MfibKey {
   using Words = std::array<uint64_t, 4>;
 
   static void put(AddrBytes& to, const uint8_t* ipv4) {
-    static_assert(std::endian::native == std::endian::little);
-    uint32_t address = 0;
-    std::memcpy(&address, ipv4, kIpv4AddrLen);
-    const uint64_t first = address;
-    const uint64_t rest = 0;
-    std::memcpy(to.data(), &first, sizeof(first));
-    std::memcpy(to.data() + sizeof(first), &rest, sizeof(rest));
+    std::array<uint32_t, 4> words{};
+    std::memcpy(words.data(), ipv4, kIpv4AddrLen);
+    std::memcpy(to.data(), words.data(), sizeof(words));
   }
 };
 static_assert(sizeof(MfibKey) == 32);

@@ -160,6 +160,14 @@ inline bool isRoutableGroup(const AddrBytes& group, bool ipv4) {
   return group[0] == 0xff && (group[1] & 0x0f) != 2;
 }
 
+// The groups that no router forwards: 224.0.0.0/24 (RFC 5771), ff02::/16 with any flags (RFC 4291).
+inline bool isLinkLocalGroup(const AddrBytes& group, bool ipv4) {
+  if (ipv4) {
+    return group[0] == 224 && group[1] == 0 && group[2] == 0;
+  }
+  return group[0] == 0xff && (group[1] & 0x0f) == 2;
+}
+
 // The checksum over IHL x 4 bytes with the field taken as 0; an IHL below 5 writes 0 (RFC 1071).
 // Requires: the whole header.
 inline void writeIpv4Checksum(uint8_t* header) {
@@ -193,19 +201,26 @@ inline void rewriteIpv4Header(uint8_t* header, uint8_t tos) {
     writeIpv4Checksum(header);
     return;
   }
-  std::array<uint32_t, kIpv4MinLen / sizeof(uint32_t)> words;
-  std::memcpy(words.data(), header, kIpv4MinLen);
-  words[0] = (words[0] & ~(0xffU << 8)) | (uint32_t{tos} << 8);
-  const uint32_t ttl = (words[2] - 1) & 0xff;
-  words[2] = (words[2] & 0xff00U) | ttl;  // and no checksum
-  uint64_t sum = uint64_t{words[0]} + words[1] + words[2] + words[3] + words[4];
-  sum = (sum >> 32) + (sum & 0xffffffff);
+  // The bytes of the header from the first on are the bits of the words from the lowest on.
+  constexpr uint64_t kTos = uint64_t{0xff} << 8;
+  constexpr uint64_t kTtl = 0xff;
+  constexpr uint64_t kChecksum = uint64_t{0xffff} << 16;
+  uint64_t first = 0;
+  uint64_t second = 0;
+  uint32_t last = 0;
+  std::memcpy(&first, header, sizeof(first));
+  std::memcpy(&second, header + sizeof(first), sizeof(second));
+  std::memcpy(&last, header + sizeof(first) + sizeof(second), sizeof(last));
+  first = (first & ~kTos) | (uint64_t{tos} << 8);
+  second = (second & ~(kTtl | kChecksum)) | ((second - 1) & kTtl);
+  uint64_t sum = (first >> 32) + (first & 0xffffffff) + (second >> 32) + (second & 0xffffffff);
+  sum += last;
   sum = (sum >> 16) + (sum & 0xffff);
   sum = (sum >> 16) + (sum & 0xffff);
   sum += sum >> 16;
-  words[2] |= static_cast<uint32_t>(~sum & 0xffff) << 16;
-  std::memcpy(header, words.data(), sizeof(uint32_t));
-  std::memcpy(header + 2 * sizeof(uint32_t), &words[2], sizeof(uint32_t));
+  second |= (~sum & 0xffff) << 16;
+  std::memcpy(header, &first, sizeof(first));
+  std::memcpy(header + sizeof(first), &second, sizeof(second));
 }
 
 inline void decrementByte(uint8_t* at) {
