@@ -17,6 +17,7 @@ namespace SfeModules {
 inline uint32_t crcHash(const void* record, size_t bytes, uint32_t seed) {
   const auto* next = static_cast<const unsigned char*>(record);
   uint32_t crc = seed;
+#pragma GCC unroll 4
   for (size_t done = 0; done < bytes; done += sizeof(uint64_t)) {
     uint64_t word;
     std::memcpy(&word, next + done, sizeof(word));

@@ -167,27 +167,26 @@ class Mfib : public Module {
   using WrongVifTimes = NyRcuHt<MfibKey, std::shared_ptr<AlertTimes>>;
   using SgAlertTimes = NyRcuHt<MfibKey, TimePoint>;
 
-  using FoundRoute = const std::shared_ptr<MfibPvSet>*;              // null: there is none
-  using FoundCounters = const std::shared_ptr<MrouteCounterEntry>*;  // null: none yet
-
   // Whether the route of a packet is looked for.
   enum class Search : uint8_t { kNone, kOwn, kAsPrevious };
 
   // What one packet carries through the steps of the packet path.
   struct PacketWork {
+    PacketWork(ForwardingPass& itsPass, bess::Packet* packet, bool again)
+        : pass(&itsPass), pkt(packet), reinjected(again) {}
+
     ForwardingPass* pass;
     bess::Packet* pkt;
-    uint64_t inIntf;
     bool reinjected;
-    Parsed parsed = Parsed::kCutOff;
     Search search = Search::kNone;
-    uint32_t routeHash = 0;  // of the packet's key, in the two tables
-    uint32_t counterHash = 0;
-    FoundRoute sourceGroup = nullptr;  // the (S,G) route
-    FoundCounters counters = nullptr;
-    MrouteCounterEntry* routeCounters = nullptr;
+    Parsed parsed = Parsed::kCutOff;
+    uint32_t routeHash = 0;  // of the packet's key
+    uint64_t inIntf = 0;
+    const RouteTable::Node* located = nullptr;    // probably the (S,G) route's
+    const MfibPvSet* sourceGroup = nullptr;       // the (S,G) route
+    MrouteCounterEntry* routeCounters = nullptr;  // of the packet's own (S,G)
     bess::PacketBatch* deadBatch = nullptr;
-    PacketHeaders headers = {};
+    PacketHeaders headers;
 
     Context* ctx() const { return pass->ctx(); }
     TimePoint now() const { return pass->now(); }
@@ -198,7 +197,7 @@ class Mfib : public Module {
     ~BatchWork() {}
     std::array<PacketWork, bess::PacketBatch::kMaxBurst> packets;
   };
-  LookupResult lookup(const MfibKey& key, const Mfib_U64& iif, FoundRoute sourceGroup) const;
+  LookupResult lookupAnySource(const MfibKey& key, const Mfib_U64& iif) const;
 
   enum class Forwarded : uint8_t { kHandled, kTtlExpired };
 
@@ -212,10 +211,17 @@ class Mfib : public Module {
   void destroyTables();
 
   // What is done for all packets of a batch before the first one is decided on.
-  [[gnu::always_inline]] PacketWork& arrive(void* room, bess::Packet* pkt, bool reinjected, ForwardingPass& pass) const;
+  [[gnu::always_inline]] PacketWork& arrive(void* room,
+                                            bess::Packet* pkt,
+                                            bool reinjected,
+                                            ForwardingPass& pass) const;
   [[gnu::always_inline]] void hash(PacketWork& work, const PacketWork* previous) const;
-  [[gnu::always_inline]] void locate(const PacketWork& work) const;
+  [[gnu::always_inline]] void locate(PacketWork& work) const;
   [[gnu::always_inline]] void lookUp(PacketWork& work, const PacketWork* previous) const;
+  [[gnu::always_inline]] bool recallCounters(PacketWork& work,
+                                             const PacketWork* previous,
+                                             uint64_t departures) const;
+  [[gnu::noinline]] void findCounters(PacketWork* begin, PacketWork* end) const;
 
   // Steps of the packet path, in their order.
   bool decide(PacketWork& work);
@@ -232,7 +238,9 @@ class Mfib : public Module {
   [[gnu::always_inline]] void rewriteIp(PacketWork& work) const;
   [[gnu::always_inline]] void rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const;
   [[gnu::always_inline]] void replicate(PacketWork& work, const MfibPvSet& entry);
-  [[gnu::always_inline]] void sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
+  [[gnu::always_inline]] void sendOriginal(PacketWork& work,
+                                           const MfibPvSet& entry,
+                                           uint8_t gateSelect);
   [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
   ForwardingMetadata metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const;
   static void addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch);

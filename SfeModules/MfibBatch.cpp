@@ -17,7 +17,9 @@ bool Mfib::ProcessPacket(Context* ctx,
   BatchWork room;
   PacketWork& work = arrive(room.packets.data(), pkt, reinjected, pass);
   hash(work, nullptr);
+  locate(work);
   lookUp(work, nullptr);
+  findCounters(&work, &work + 1);
   return decide(work);
 }
 
@@ -28,14 +30,14 @@ void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   {
     ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_);
     BatchWork room;
-    const auto begin = room.packets.begin();
-    const auto end = begin + batch->cnt();
+    PacketWork* const begin = room.packets.data();
+    PacketWork* const end = begin + batch->cnt();
     for (bess::Packet* pkt : *batch) {
       __builtin_prefetch(pkt->metadata<char*>());
       __builtin_prefetch(pkt->headData());
     }
-    auto* work = begin;
-    const PacketWork* previous = nullptr;
+    PacketWork* work = begin;
+    PacketWork* previous = nullptr;
     for (bess::Packet* pkt : *batch) {
       hash(arrive(work, pkt, false, pass), previous);
       previous = work++;
@@ -43,9 +45,16 @@ void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
     for (work = begin; work != end; ++work) {
       locate(*work);
     }
-    previous = nullptr;
-    for (work = begin; work != end; previous = work++) {
+    for (work = begin, previous = nullptr; work != end; previous = work++) {
       lookUp(*work, previous);
+    }
+    const uint64_t departures = mrouteCounterTable_->departures();
+    bool recalled = true;
+    for (work = begin, previous = nullptr; work != end; previous = work++) {
+      recalled &= recallCounters(*work, previous, departures);
+    }
+    if (!recalled) {
+      findCounters(begin, end);
     }
     for (work = begin; work != end; ++work) {
       decide(*work);
@@ -59,10 +68,8 @@ inline Mfib::PacketWork& Mfib::arrive(void* room,
                                       bess::Packet* pkt,
                                       bool reinjected,
                                       ForwardingPass& pass) const {
-  PacketWork& work = *new (room) PacketWork{.pass = &pass,
-                                            .pkt = pkt,
-                                            .inIntf = metadataOf(pkt).inIntfOrZero(),
-                                            .reinjected = reinjected};
+  PacketWork& work = *new (room) PacketWork(pass, pkt, reinjected);
+  work.inIntf = metadataOf(pkt).inIntfOrZero();
   work.parsed = parse(work);
   return work;
 }
@@ -79,36 +86,77 @@ inline void Mfib::hash(PacketWork& work, const PacketWork* previous) const {
   }
   work.search = Search::kOwn;
   work.routeHash = mfib_->nyHash(key);
-  // Tables that were made in the same second have the same seed.
-  work.counterHash = mrouteCounterTable_->seed() == mfib_->seed() ? work.routeHash
-                                                                  : mrouteCounterTable_->nyHash(key);
-  mfib_->prefetchSet(work.routeHash);
-  mrouteCounterTable_->prefetchSet(work.counterHash);
+  mfib_->prefetch(work.routeHash);
 }
 
-inline void Mfib::locate(const PacketWork& work) const {
+inline void Mfib::locate(PacketWork& work) const {
   if (work.search == Search::kOwn) {
-    mfib_->prefetchNode(work.routeHash);
-    mrouteCounterTable_->prefetchNode(work.counterHash);
+    work.located = mfib_->locate(work.routeHash);
   }
 }
 
-// Finds the (S,G) route and its counters.
+// Finds the (S,G) route.
 inline void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
-  const MfibKey& key = work.headers.key;
   if (work.search == Search::kAsPrevious) {
     work.sourceGroup = previous->sourceGroup;
-    work.counters = previous->counters;
+    return;
   }
   if (work.search != Search::kOwn) {
     return;
   }
-  work.sourceGroup = mfib_->find(key, work.routeHash);
-  if (work.sourceGroup != nullptr) {
-    work.sourceGroup->get()->prefetch();
-    work.counters = mrouteCounterTable_->find(key, work.counterHash);
-    if (work.counters != nullptr) {
-      __builtin_prefetch(work.counters->get(), 1);
+  const std::shared_ptr<MfibPvSet>* route =
+      mfib_->find(work.headers.key, work.routeHash, work.located);
+  if (route != nullptr) {
+    work.sourceGroup = route->get();
+    work.sourceGroup->prefetch();
+  }
+}
+
+// Takes the counters of an (S,G) route from its memo. Returns: false when they are not there.
+inline bool Mfib::recallCounters(PacketWork& work,
+                                 const PacketWork* previous,
+                                 uint64_t departures) const {
+  if (work.sourceGroup == nullptr) {
+    return true;
+  }
+  if (work.search == Search::kAsPrevious) {
+    work.routeCounters = previous->routeCounters;
+    return true;
+  }
+  work.routeCounters = work.sourceGroup->counters.get(departures);
+  __builtin_prefetch(work.routeCounters, 1);
+  return work.routeCounters != nullptr;
+}
+
+// Looks up the counters that no memo knows: entries leave the table with every publication.
+void Mfib::findCounters(PacketWork* begin, PacketWork* end) const {
+  const uint64_t departures = mrouteCounterTable_->departures();
+  std::array<uint32_t, bess::PacketBatch::kMaxBurst> hashes;
+  std::array<const MrouteCounters::Node*, bess::PacketBatch::kMaxBurst> located;
+  const auto wanted = [](const PacketWork& work) {
+    return work.sourceGroup != nullptr && work.routeCounters == nullptr;
+  };
+  for (PacketWork* work = begin; work != end; ++work) {
+    if (wanted(*work)) {
+      hashes[work - begin] = mrouteCounterTable_->nyHash(work->headers.key);
+      mrouteCounterTable_->prefetch(hashes[work - begin]);
+    }
+  }
+  for (PacketWork* work = begin; work != end; ++work) {
+    if (wanted(*work)) {
+      located[work - begin] = mrouteCounterTable_->locate(hashes[work - begin]);
+    }
+  }
+  for (PacketWork* work = begin; work != end; ++work) {
+    if (!wanted(*work)) {
+      continue;
+    }
+    const size_t i = work - begin;
+    const std::shared_ptr<MrouteCounterEntry>* found =
+        mrouteCounterTable_->find(work->headers.key, hashes[i], located[i]);
+    if (found != nullptr) {
+      work->routeCounters = found->get();
+      work->sourceGroup->counters.put(departures, work->routeCounters);
     }
   }
 }

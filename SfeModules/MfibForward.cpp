@@ -87,15 +87,14 @@ Nynet::IpGenAddr Mfib::addrArrayToGenAddr(const unsigned char* bytes, unsigned i
 
 Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
   const MfibKey search = MfibKey::of(key.source.data(), key.group.data(), addrLen_);
-  return lookup(search, iif, mfib_->find(search));
+  if (const std::shared_ptr<MfibPvSet>* route = mfib_->find(search); route != nullptr) {
+    return {route->get(), Match::kSourceGroup, search};
+  }
+  return lookupAnySource(search, iif);
 }
 
-Mfib::LookupResult Mfib::lookup(const MfibKey& key,
-                                const Mfib_U64& iif,
-                                FoundRoute sourceGroup) const {
-  if (sourceGroup != nullptr) {
-    return {sourceGroup->get(), Match::kSourceGroup, key};
-  }
+// The look-up of a key without an (S,G) route.
+Mfib::LookupResult Mfib::lookupAnySource(const MfibKey& key, const Mfib_U64& iif) const {
   if (!toggleMfaWcFwdEnabled()) {
     return {nullptr, Match::kNone, key};
   }
@@ -131,8 +130,7 @@ bool Mfib::decide(PacketWork& work) {
     drop(work, Fate::kDropNonMulticastIntf);
     return finish(work);
   }
-  const MfibPvSet* entry =
-      work.sourceGroup != nullptr ? work.sourceGroup->get() : findAnySource(work);
+  const MfibPvSet* entry = work.sourceGroup != nullptr ? work.sourceGroup : findAnySource(work);
   if (entry == nullptr) {
     return handleMissingRoute(work);
   }
@@ -144,7 +142,7 @@ bool Mfib::decide(PacketWork& work) {
 // Returns: the (*,G) route that takes the packet, null when there is none.
 const MfibPvSet* Mfib::findAnySource(PacketWork& work) {
   const MfibKey& key = work.headers.key;
-  const LookupResult match = lookup(key, {work.inIntf}, nullptr);
+  const LookupResult match = lookupAnySource(key, {work.inIntf});
   if (match.status == Match::kWildcard) {
     generateNoCacheAlert(work.ctx(), key, {work.inIntf}, kTtlOfWildcardAlert, work.now());
   }
@@ -153,9 +151,11 @@ const MfibPvSet* Mfib::findAnySource(PacketWork& work) {
 
 // Counted under the packet's own (S,G), also when the (*,G) entry is used.
 inline void Mfib::countForRoute(PacketWork& work) {
-  work.routeCounters = work.counters != nullptr
-                           ? &revive(**work.counters)
-                           : &countingEntry(*mrouteCounterTable_, work.headers.key);
+  if (work.routeCounters != nullptr) [[likely]] {
+    revive(*work.routeCounters);
+  } else {
+    work.routeCounters = &countingEntry(*mrouteCounterTable_, work.headers.key);
+  }
   work.pass->countRoute(*work.routeCounters, work.pkt->totalLen());
 }
 

@@ -5,7 +5,7 @@
 //   (1) a key is built from a zero-filled record: every one of its 32 bytes is defined, so keys are
 //   compared and hashed
 //       as raw bytes.
-//   (2) a route entry never changes after it was put into the route table.
+//   (2) a route entry never changes after it was put into the route table, but for its memo.
 #pragma once
 
 #include <array>
@@ -63,14 +63,16 @@ struct MfibKey {
   }
 
   friend bool operator==(const MfibKey& a, const MfibKey& b) {
-    const Words left = std::bit_cast<Words>(a);
-    const Words right = std::bit_cast<Words>(b);
-    return ((left[0] ^ right[0]) | (left[1] ^ right[1]) | (left[2] ^ right[2]) |
-            (left[3] ^ right[3])) == 0;
+    return ((word(a.source, 0) ^ word(b.source, 0)) | (word(a.source, 1) ^ word(b.source, 1)) |
+            (word(a.group, 0) ^ word(b.group, 0)) | (word(a.group, 1) ^ word(b.group, 1))) == 0;
   }
 
  private:
-  using Words = std::array<uint64_t, 4>;
+  static uint64_t word(const AddrBytes& bytes, size_t index) {
+    uint64_t word;  // NOLINT(cppcoreguidelines-init-variables): set in the next line
+    std::memcpy(&word, bytes.data() + index * sizeof(word), sizeof(word));
+    return word;
+  }
 
   static void put(AddrBytes& to, const uint8_t* ipv4) {
     std::array<uint32_t, 4> words{};
@@ -85,6 +87,40 @@ struct Mfib_U64 {
   uint64_t value = 0;
 };
 
+struct MrouteCounterEntry;
+
+// Where a route's counter entry was found last, for the workers that forward by the route.
+//
+// Threads    : workers, any number at once. RCU: see NyRcuHt::departures().
+class CountersMemo {
+ public:
+  // `departures`: the counter table's number, read in this read side. Returns: the entry, null when
+  // it has to be looked for.
+  MrouteCounterEntry* get(uint64_t departures) const {
+    if (seenAt_.load(std::memory_order_acquire) != departures) {
+      return nullptr;
+    }
+    MrouteCounterEntry* entry = entry_.load(std::memory_order_acquire);
+    return seenAt_.load(std::memory_order_relaxed) == departures ? entry : nullptr;
+  }
+
+  // `departures`: as it was before the entry was looked for. Another worker's note may win.
+  void put(uint64_t departures, MrouteCounterEntry* entry) {
+    uint64_t seen = seenAt_.load(std::memory_order_relaxed);
+    if (seen != kChanging && seenAt_.compare_exchange_strong(seen, kChanging)) {
+      entry_.store(entry, std::memory_order_release);
+      seenAt_.store(departures, std::memory_order_release);
+    }
+  }
+
+ private:
+  static constexpr uint64_t kNever = UINT64_MAX;
+  static constexpr uint64_t kChanging = kNever - 1;
+
+  std::atomic<uint64_t> seenAt_{kNever};
+  std::atomic<MrouteCounterEntry*> entry_{nullptr};
+};
+
 // The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, what
 // the packet path reads comes first.
 struct MfibPvSet {
@@ -97,6 +133,7 @@ struct MfibPvSet {
     __builtin_prefetch(reinterpret_cast<const char*>(this) + RTE_CACHE_LINE_SIZE);
   }
 
+  mutable CountersMemo counters;  // of the route's own (S,G)
   Nynet::IntfId iif;
   Nynet::IntfId* oifs = nullptr;  // numOifs long; null without interfaces
   uint32_t* oifGates = nullptr;   // likewise; oifGates[i] reaches oifs[i]

@@ -30,7 +30,6 @@
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -86,13 +85,16 @@ struct NyRcuHtNode : NyRcuHtEntry<K, V>, NyRcuHtReclaim {
 
   // Byte for byte. A key is a whole number of words, and short: no call, no branch per word.
   static bool sameKey(const K& a, const K& b) {
-    std::array<uint64_t, sizeof(K) / sizeof(uint64_t)> left;
-    std::array<uint64_t, sizeof(K) / sizeof(uint64_t)> right;
-    std::memcpy(left.data(), &a, sizeof(K));
-    std::memcpy(right.data(), &b, sizeof(K));
+    const auto* left = reinterpret_cast<const unsigned char*>(&a);
+    const auto* right = reinterpret_cast<const unsigned char*>(&b);
     uint64_t difference = 0;
-    for (size_t i = 0; i < left.size(); ++i) {
-      difference |= left[i] ^ right[i];
+#pragma GCC unroll 4
+    for (size_t at = 0; at < sizeof(K); at += sizeof(uint64_t)) {
+      uint64_t one;
+      uint64_t other;
+      std::memcpy(&one, left + at, sizeof(one));
+      std::memcpy(&other, right + at, sizeof(other));
+      difference |= one ^ other;
     }
     return difference == 0;
   }
@@ -110,7 +112,9 @@ struct NyRcuHtNode : NyRcuHtEntry<K, V>, NyRcuHtReclaim {
     }
     return true;
   }
-  void unlock() { ownership.store(kLinked, std::memory_order_release); }
+  void unlock() {
+    ownership.store(kLinked, std::memory_order_release);
+  }
 
   KeyRelease releaseKey;      // called with the key when the node is freed; may be null
   ValueRelease releaseValue;  // called with the value likewise; may be null
@@ -284,9 +288,26 @@ class NyRcuHt {
     return node == nullptr ? nullptr : &node->value;
   }
 
-  // What find() with that hash will read, fetched ahead: the second once the first has arrived.
-  void prefetchSet(uint32_t hash) const { index_.prefetchSet(hash); }
-  void prefetchNode(uint32_t hash) const { index_.prefetchNode(hash); }
+  // The same in steps, each of which finds in the caches what the one before has fetched: prefetch,
+  // then locate, then find. RCU: one read side for all of them.
+  void prefetch(uint32_t hash) const { index_.prefetchSet(hash); }
+  const Node* locate(uint32_t hash) const {
+    const Node* node = index_.probable(hash);
+    __builtin_prefetch(node);
+    return node;
+  }
+  const V* find(const K& key, uint32_t hash, const Node* located) const {
+    if (located != nullptr && Node::sameKey(located->key, key) &&
+        cds_lfht_is_node_deleted(const_cast<cds_lfht_node*>(&located->htNode)) == 0) [[likely]] {
+      SFE_RCU_DEREFERENCE(&located->htNode);
+      return &located->value;
+    }
+    return find(key, hash);
+  }
+
+  // Counts the entries that have left the table. A value that was found after this number was read
+  // stays valid in every read side in which the number is still the same.
+  uint64_t departures() const { return departures_.load(std::memory_order_acquire); }
 
   bool contains(const K& key) const { return find(key) != nullptr; }
 
@@ -443,6 +464,8 @@ class NyRcuHt {
   void retire(Node* node) {
     takeOwnership(node);
     unindex(node);
+    // Nobody finds the node any more, and its grace period has not begun.
+    departures_.fetch_add(1, std::memory_order_release);
     SFE_RCU_RETIRE(&node->htNode);
     if (deferredFree_) {
       RcuCallbacks::queued();
@@ -497,4 +520,5 @@ class NyRcuHt {
   NyRcuHtIndex<Node> index_;
   std::atomic<size_t> entries_{0};  // counted where there is an index
   std::atomic<bool> growing_{false};
+  std::atomic<uint64_t> departures_{0};
 };

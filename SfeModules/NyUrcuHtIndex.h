@@ -65,25 +65,33 @@ class NyRcuHtIndex {
     if (!enabled()) {
       return nullptr;
     }
-    const Set& set = setOf(hash);
-    if (Node* node = nodeOf(probable(set, hash));
-        node != nullptr && Node::sameKey(node->key, key)) {
+    if (Node* node = probable(hash); node != nullptr && Node::sameKey(node->key, key)) {
       return node;
     }
-    return findAmongAll(set, key, hash);
+    return findAmongAll(setOf(hash), key, hash);
   }
 
-  // The two steps of a look-up that wait for memory, ahead of it.
+  // The two steps of a look-up that wait for memory, ahead of it: the set is fetched, then asked
+  // for the node with the hash, which nearly always is the right one. Returns: null for none.
   void prefetchSet(uint32_t hash) const {
     if (enabled()) {
       __builtin_prefetch(&setOf(hash));
     }
   }
-  void prefetchNode(uint32_t hash) const {
+  // Without branches: nobody can guess in which word it is.
+  Node* probable(uint32_t hash) const {
     if (!enabled()) {
-      return;
+      return nullptr;
     }
-    __builtin_prefetch(nodeOf(probable(setOf(hash), hash)));
+    const Set& set = setOf(hash);
+    const uint64_t tag = uint64_t{tagOf(hash)} << kAddressBits;
+    uint64_t found = 0;
+#pragma GCC unroll 8
+    for (const Place& place : set.places) {
+      const uint64_t address = place.load(std::memory_order_acquire) ^ tag;
+      found = address < kAddressEnd ? address : found;
+    }
+    return reinterpret_cast<Node*>(found);
   }
 
   // Returns: some node whose hash ends in the same bits as `hash`, as many as there are sets; null
@@ -160,23 +168,13 @@ class NyRcuHtIndex {
   static constexpr size_t kEntriesPerSet = kWays / 2;  // one entry in 150 finds its set full
   static constexpr size_t kFirstSets = 16;
   static constexpr unsigned kAddressBits = 48;
+  static constexpr uint64_t kAddressEnd = uint64_t{1} << kAddressBits;
   static constexpr size_t kLargePage = size_t{2} << 20;
   static_assert(sizeof(void*) == sizeof(uint64_t));
 
   struct alignas(64) Set {
     Place places[kWays];
   };
-
-  // Returns: the first word with the tag of `hash`, 0 when there is none. Without branches: nobody
-  // can guess in which word it is.
-  static uint64_t probable(const Set& set, uint32_t hash) {
-    uint64_t found = 0;
-    for (size_t i = kWays; i-- > 0;) {
-      const uint64_t word = set.places[i].load(std::memory_order_acquire);
-      found = tagOf(word) == tagOf(hash) ? word : found;
-    }
-    return found;
-  }
 
   // Two keys of one set may have the same tag.
   template <class K>
@@ -191,12 +189,18 @@ class NyRcuHtIndex {
     return nullptr;
   }
 
-  static uint16_t tagOf(uint32_t hash) { return static_cast<uint16_t>(hash >> 16); }
-  static uint16_t tagOf(uint64_t word) { return static_cast<uint16_t>(word >> kAddressBits); }
-  static Node* nodeOf(uint64_t word) {
-    return reinterpret_cast<Node*>(word & ((uint64_t{1} << kAddressBits) - 1));
+  static uint16_t tagOf(uint32_t hash) {
+    return static_cast<uint16_t>(hash >> 16);
   }
-  Set& setOf(uint32_t hash) const { return sets_[hash & mask_.load(std::memory_order_acquire)]; }
+  static uint16_t tagOf(uint64_t word) {
+    return static_cast<uint16_t>(word >> kAddressBits);
+  }
+  static Node* nodeOf(uint64_t word) {
+    return reinterpret_cast<Node*>(word & (kAddressEnd - 1));
+  }
+  Set& setOf(uint32_t hash) const {
+    return sets_[hash & mask_.load(std::memory_order_acquire)];
+  }
 
   Set* sets_ = nullptr;
   size_t maxSets_ = 0;
