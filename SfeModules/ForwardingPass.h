@@ -9,6 +9,7 @@
 // Invariants :
 //   (1) a count reaches its entry before the pass has ended.
 //   (2) the map has every batch that outgoing packets were appended to.
+//   (3) a dropped packet is freed when the pass ends.
 #pragma once
 
 #include <glog/logging.h>
@@ -46,10 +47,10 @@ class ForwardingPass {
   struct alignas(64) Outgoing {
     uint64_t intf;
     uint16_t gate;
-    uint16_t vlanId;          // of the interface, 0 when it has none
-    uint32_t bytes;           // appended in this pass
+    uint16_t vlanId;           // of the interface, 0 when it has none
+    uint32_t bytes;            // appended in this pass
     bess::PacketBatch* batch;  // null until a packet is appended
-    int before;               // packets in the batch that other passes have appended
+    int before;                // packets in the batch that other passes have appended
     IntfCounterEntry* counters;
 
     bool is(Nynet::IntfId id, uint16_t itsGate) const {
@@ -80,6 +81,9 @@ class ForwardingPass {
     }
     settle(Fate::kForwarded, forwarded_);
     settle(Fate::kCopied, copied_);
+    if (deadBatch_ != nullptr) {
+      bess::Packet::Free(deadBatch_);
+    }
   }
   ForwardingPass(const ForwardingPass&) = delete;
   ForwardingPass& operator=(const ForwardingPass&) = delete;
@@ -125,6 +129,14 @@ class ForwardingPass {
     out.bytes += pkt->totalLen();
     CHECK(!out.batch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
     out.batch->add(pkt);
+  }
+
+  // Takes a dropped packet, which stays as it is until the pass ends.
+  void addToDeadBatch(bess::Packet* pkt) {
+    if (deadBatch_ == nullptr) {
+      deadBatch_ = ctx_->task->AllocPacketBatch();
+    }
+    deadBatch_->add(pkt);
   }
 
  private:
@@ -237,11 +249,12 @@ class ForwardingPass {
 
   Incoming incoming_;
   Route route_;
+  bess::PacketBatch* deadBatch_ = nullptr;
   uint64_t forwarded_ = 0;
   uint64_t copied_ = 0;
   size_t opened_ = 0;
   bool spareUsed_ = false;
-  std::array<uint8_t, kSlots> places_{};  // by slot: 1 + the index in outs_, 0 when it is free
+  std::array<uint8_t, kSlots> places_{};   // by slot: 1 + the index in outs_, 0 when it is free
   std::array<Outgoing, kSlots + 1> outs_;  // the opened ones, then unused ones, last the spare one
 };
 

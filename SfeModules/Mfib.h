@@ -185,7 +185,7 @@ class Mfib : public Module {
     const RouteTable::Node* located = nullptr;    // probably the (S,G) route's
     const MfibPvSet* sourceGroup = nullptr;       // the (S,G) route
     MrouteCounterEntry* routeCounters = nullptr;  // of the packet's own (S,G)
-    bess::PacketBatch* deadBatch = nullptr;
+    bool dropped = false;
     PacketHeaders headers;
 
     Context* ctx() const { return pass->ctx(); }
@@ -243,10 +243,8 @@ class Mfib : public Module {
                                            uint8_t gateSelect);
   [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
   ForwardingMetadata metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const;
-  static void addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch);
   [[gnu::noinline]] void drop(PacketWork& work, Fate reason);
   [[gnu::always_inline]] static bool finish(PacketWork& work);
-  [[gnu::noinline]] static void freeDropped(PacketWork& work);
   void fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork& work) const;
   void flush(Context* ctx, OutputBatchMap& map);
 
@@ -274,14 +272,15 @@ class Mfib : public Module {
   CommandResponse checkAddressLengths(const sfe::pb::MfibRouteArg& arg) const;
   MfibKey routeKeyOf(const sfe::pb::MfibRouteArg& arg) const;
   std::shared_ptr<MfibPvSet> buildEntry(const sfe::pb::MfibRouteArg& arg, const MfibKey& key) const;
+  void insertRoute(const MfibKey& key, std::shared_ptr<MfibPvSet> entry);
   void ensureMrouteRecord(const MfibKey& key);
   std::string keyText(const MfibKey& key) const;
   Sfe::Multicast::MrouteCounter mrouteRecord(const Routing::Multicast::Fib::IpGenRouteKey& key);
   Sfe::Multicast::IntfCounter intfRecord(Nynet::IntfId id);
   void mrouteCountChanged(uint32_t change);
   void fitRouteTable();
-  uint32_t& routesOfType(const MfibKey& key) {
-    return routesByType_[key.source == AddrBytes{} ? 1 : 0];
+  std::atomic<uint32_t>& routesOfType(const MfibKey& key) {
+    return routesByType_[key.source == AddrBytes{} ? kAnySource : kSourceGroup];
   }
 
   // Set by Init, released by DeInit; constant in between.
@@ -320,8 +319,11 @@ class Mfib : public Module {
   sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
   static constexpr uint32_t kFewestBuckets = 128;
   uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
-  std::array<uint32_t, 2> routesByType_{};  // control: routes in the table, (S,G) and (*,G)
-  MonotoneTotals totals_;                   // control
+  // Written by control, before a route is in the table and after it is out: workers look for no
+  // (*,G) route where there is none.
+  enum RouteType : uint8_t { kSourceGroup, kAnySource, kRouteTypes };
+  std::array<std::atomic<uint32_t>, kRouteTypes> routesByType_{};
+  MonotoneTotals totals_;     // control
   uint32_t mrouteCount_ = 0;  // control: route commands that took effect, replacements included
   std::atomic<uint32_t> runTaskCount_{0};  // runs of the cleanup task
   const TimePoint createdAt_;

@@ -95,7 +95,7 @@ Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
 
 // The look-up of a key without an (S,G) route.
 Mfib::LookupResult Mfib::lookupAnySource(const MfibKey& key, const Mfib_U64& iif) const {
-  if (!toggleMfaWcFwdEnabled()) {
+  if (!toggleMfaWcFwdEnabled() || routesByType_[kAnySource].load(std::memory_order_acquire) == 0) {
     return {nullptr, Match::kNone, key};
   }
   MfibKey search = key;
@@ -412,28 +412,16 @@ inline void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
 
 void Mfib::drop(PacketWork& work, Fate reason) {
   fates_.count(work.ctx()->wid, reason);
-  addToDeadBatch(work.ctx(), work.pkt, work.deadBatch);
-}
-
-void Mfib::addToDeadBatch(Context* ctx, bess::Packet* pkt, bess::PacketBatch*& deadBatch) {
-  if (deadBatch == nullptr) {
-    deadBatch = ctx->task->AllocPacketBatch();
-  }
-  deadBatch->add(pkt);
+  work.pass->addToDeadBatch(work.pkt);
+  work.dropped = true;
 }
 
 inline bool Mfib::finish(PacketWork& work) {
-  if (work.deadBatch == nullptr) [[likely]] {
+  if (!work.dropped) [[likely]] {
     return true;
   }
-  freeDropped(work);
-  return false;
-}
-
-void Mfib::freeDropped(PacketWork& work) {
   work.pass->incoming(work.inIntf).dropped += 1;
-  bess::Packet::Free(work.pkt);
-  work.deadBatch->clear();
+  return false;
 }
 
 }  // namespace SfeModules

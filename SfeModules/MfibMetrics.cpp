@@ -192,8 +192,10 @@ std::string MfibMetrics::text(Mfib& mfib, const std::string& arg) {
   const unsigned long routes =
       bess::StateArgs(arg, 0, {"routes"}, "[routes=N]").number("routes", 0, kMaxRouteSeries);
   Rows rows(label("vrf", mfib.vrfName_) + "," + label("family", mfib.ipv4() ? "ipv4" : "ipv6"));
-  rows.gauge("mfib_routes", "Routes, by type", mfib.routesByType_[0], label("type", "sg"));
-  rows.gauge("mfib_routes", "Routes, by type", mfib.routesByType_[1], label("type", "starg"));
+  rows.gauge("mfib_routes", "Routes, by type", mfib.routesByType_[Mfib::kSourceGroup],
+             label("type", "sg"));
+  rows.gauge("mfib_routes", "Routes, by type", mfib.routesByType_[Mfib::kAnySource],
+             label("type", "starg"));
   rows.gauge("mfib_interfaces", "Interfaces enabled for multicast",
              mfib.multicastIntfTable_->size());
   addFates(mfib.totals_, mfib.fates_, rows);

@@ -94,14 +94,23 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
     SFE_TRACE_AS(kAddSignature, "Mfib", 7, "OIF id: ", oif.intf_id());
   }
   const bool releasesHeldPackets = entry->numOifs > 0 || entry->oifRegister;
-  mfib_->insert(key, std::move(entry));
-  routesOfType(key) += 1;
+  insertRoute(key, std::move(entry));
   mrouteCountChanged(1);
   if (releasesHeldPackets) {
     noCacheMgr_->resolvePendingPackets(key);
   }
   fitRouteTable();
   return CommandSuccess();
+}
+
+void Mfib::insertRoute(const MfibKey& key, std::shared_ptr<MfibPvSet> entry) {
+  routesOfType(key) += 1;
+  try {
+    mfib_->insert(key, std::move(entry));
+  } catch (...) {
+    routesOfType(key) -= 1;
+    throw;
+  }
 }
 
 CommandResponse Mfib::deleteMroute(const sfe::pb::MfibRouteArg& arg) {

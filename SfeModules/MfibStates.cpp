@@ -99,7 +99,8 @@ std::vector<bess::State> MfibStates::of(Mfib& mfib) {
 
 std::string MfibStates::routes(const Mfib& mfib) {
   const bool ipv4 = mfib.ipv4();
-  const size_t count = size_t{mfib.routesByType_[0]} + mfib.routesByType_[1];
+  const size_t count =
+      size_t{mfib.routesByType_[Mfib::kSourceGroup]} + mfib.routesByType_[Mfib::kAnySource];
   bess::StateTable table(
       {"source", "group", "iif", "iif_frr", "notify", "fastdrop", "flags", "oifs"},
       (count + 1) * kBytesPerRoute);
