@@ -98,7 +98,8 @@ TEST_F(PacketTest, copiesAsOftenAsThePoolCan) {
     fillMetadata(pkt.get());
     std::array<Packet*, 20> copies{};
     ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data(), 3), 3U);
-    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 3, 17), 4U) << "8 packets are in the pool";
+    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 3, 17), 4U)
+        << "8 packets are in the pool";
     ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 7, 1), 0U);
     for (size_t i = 0; i < 7; ++i) {
       EXPECT_EQ(bytesOf(copies[i]), data);
@@ -156,6 +157,49 @@ TEST_F(PacketTest, freesWholeBatchAndEmptiesIt) {
   Packet::Free(&batch);
   EXPECT_TRUE(batch.empty());
   EXPECT_EQ(pool_.inUse(), 0U);
+}
+
+// Plain ones of two pools by turns, a chain, data that two packets share, a null.
+TEST_F(PacketTest, freesAMixtureOfPackets) {
+  PacketPool other("packet-test-2", 8, 1024);
+  PacketPtr shared = make("shared");
+  std::vector<Packet*> packets;
+  for (int i = 0; i < 3; ++i) {
+    packets.push_back(make("plain").release());
+    packets.push_back(other.alloc());
+  }
+  packets.push_back(nullptr);
+  packets.push_back(makeChain("one", "two").release());
+  packets.push_back(Packet::clone(shared.get()));
+  ASSERT_NE(packets.back(), nullptr);
+  EXPECT_TRUE(packets[0]->isPlain());
+  EXPECT_FALSE(packets.back()->isPlain());
+  EXPECT_FALSE(shared->isPlain()) << "somebody else reads its data";
+  Packet::Free(packets.data(), packets.size());
+  EXPECT_EQ(other.inUse(), 0U);
+  EXPECT_EQ(pool_.inUse(), 1U);
+  EXPECT_EQ(bytesOf(shared.get()), "shared");
+  EXPECT_TRUE(shared->isPlain());
+}
+
+TEST_F(PacketTest, freesMoreThanABatchAtOnce) {
+  PacketPool large("packet-test-3", 100, 64);
+  std::vector<Packet*> packets(100);
+  ASSERT_TRUE(large.allocBulk(packets.data(), packets.size()));
+  Packet::Free(packets.data(), packets.size());
+  EXPECT_EQ(large.inUse(), 0U);
+}
+
+TEST_F(PacketTest, copiesWithOtherMetadata) {
+  PacketPtr pkt = make("data");
+  fillMetadata(pkt.get());
+  std::array<uint8_t, Packet::kMetadataSize> other;
+  other.fill(0xa5);
+  Packet* copy = nullptr;
+  ASSERT_EQ(Packet::copy(pkt.get(), other.data(), &copy, 1), 1U);
+  const PacketPtr owner(copy);
+  EXPECT_EQ(bytesOf(copy), "data");
+  EXPECT_EQ(memcmp(copy->metadata<char*>(), other.data(), other.size()), 0);
 }
 
 TEST(PacketBatchTest, absorbsBehindItsOwn) {

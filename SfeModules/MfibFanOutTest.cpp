@@ -94,6 +94,38 @@ TEST_F(MfibFanOut, keepsTheRoutesOfABatchApart) {
   EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kHeld)), 1U);
 }
 
+// A route remembers its counters until they are published: each publication takes them away, and
+// what comes after it counts into new ones.
+TEST_F(MfibFanOut, countsOnAfterEachPublication) {
+  constexpr uint64_t kBatches = 4;
+  PacketCase row = flow_.row("published", flow_.ip());
+  row.routes[0].oifs = oifs(0, 2);
+  addSecond(row, 1, 3);
+  prepare(row);
+  const auto shared = [&](const std::string& source) {
+    return MfibTestPeer::sharedRoutes(*mfib_)
+        ->mroute(ipGenRouteKey(kAfIpv4, key(source, flow_.group)))
+        .pktsIn();
+  };
+  const MfibPvSet& entry = **MfibTestPeer::routes(*mfib_).find(key(flow_.source, flow_.group));
+  const auto& counters = MfibTestPeer::mrouteCounters(*mfib_);
+  for (uint64_t round = 1; round <= 3; ++round) {
+    for (uint64_t i = 0; i < kBatches; ++i) {
+      std::vector<bess::PacketPtr> batch;
+      for (const char* source : {flow_.source.c_str(), flow_.source.c_str(), kSecondSource}) {
+        batch.push_back(packet(source, "Ethernet0"));
+      }
+      EXPECT_EQ(receiveBatch(std::move(batch)).total(), 2U * 2 + 3);
+    }
+    EXPECT_EQ(entry.counters.get(counters.departures()), routeCounters(flow_.source, flow_.group));
+    EXPECT_EQ(routeCounters(flow_.source, flow_.group)->pktsIn, 2 * kBatches);
+    publishCountersNow();
+    EXPECT_EQ(entry.counters.get(counters.departures()), nullptr);
+    EXPECT_EQ(shared(flow_.source), round * 2 * kBatches);
+    EXPECT_EQ(shared(kSecondSource), round * kBatches);
+  }
+}
+
 // Interfaces take turns within a batch: one is enabled and right, one enabled and wrong, one is not
 // enabled.
 TEST_F(MfibFanOut, keepsTheInterfacesOfABatchApart) {
