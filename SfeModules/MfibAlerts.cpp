@@ -102,7 +102,11 @@ bool Mfib::canAlertWrongVif(const MfibKey& key,
     return true;
   }
   const TimePoint quiet = *last + seconds(wrongVifAlertInterval_);
-  return now + seconds(kOldestNow) > quiet && Clock::now() > quiet;
+  if (now + seconds(kOldestNow) > quiet) {
+    return Clock::now() > quiet;
+  }
+  entry.quiet.put(iif.value, quiet - seconds(kOldestNow));
+  return false;
 }
 
 void Mfib::addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now) {

@@ -224,7 +224,9 @@ inline void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
 
 void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   const MfibKey& key = work.headers.key;
-  if (!canAlertWrongVif(key, {work.inIntf}, entry, work.now())) {
+  // What an entry remembers is of its own key.
+  const bool quiet = work.sourceGroup == &entry && entry.quiet.holds(work.inIntf, work.now());
+  if (quiet || !canAlertWrongVif(key, {work.inIntf}, entry, work.now())) {
     notifications_.count(work.ctx()->wid, Notification::kWrongVifSuppressed);
     return;
   }

@@ -5,7 +5,7 @@
 //   (1) a key is built from a zero-filled record: every one of its 32 bytes is defined, so keys are
 //   compared and hashed
 //       as raw bytes.
-//   (2) a route entry never changes after it was put into the route table, but for its memo.
+//   (2) a route entry never changes after it was put into the route table, but for its memos.
 #pragma once
 
 #include <array>
@@ -104,21 +104,48 @@ class CountersMemo {
     return seenAt_.load(std::memory_order_relaxed) == departures ? entry : nullptr;
   }
 
-  // `departures`: as it was before the entry was looked for. Another worker's note may win.
+  // `departures`: as it was before the entry was looked for. A note only gives way to a later one:
+  // the number never comes back, so get() cannot take another number's entry for its own.
   void put(uint64_t departures, MrouteCounterEntry* entry) {
     uint64_t seen = seenAt_.load(std::memory_order_relaxed);
-    if (seen != kChanging && seenAt_.compare_exchange_strong(seen, kChanging)) {
+    if (seen < departures && seenAt_.compare_exchange_strong(seen, kChanging)) {
       entry_.store(entry, std::memory_order_release);
       seenAt_.store(departures, std::memory_order_release);
     }
   }
 
  private:
-  static constexpr uint64_t kNever = UINT64_MAX;
-  static constexpr uint64_t kChanging = kNever - 1;
+  static constexpr uint64_t kNever = 0;
+  static constexpr uint64_t kChanging = UINT64_MAX;
 
   std::atomic<uint64_t> seenAt_{kNever};
   std::atomic<MrouteCounterEntry*> entry_{nullptr};
+};
+
+// Until when a route has nothing to tell of one wrong interface: the first one that it met.
+//
+// Threads    : any number at once; who comes late may shorten the time, never lengthen it.
+class QuietMemo {
+ public:
+  bool holds(uint64_t intf, TimePoint now) const {
+    return intf_.load(std::memory_order_relaxed) == intf &&
+           now.time_since_epoch().count() <= until_.load(std::memory_order_relaxed);
+  }
+
+  // Requires: alerts of that interface are due after `until` at the earliest.
+  void put(uint64_t intf, TimePoint until) {
+    uint64_t owner = kNobody;
+    if (intf != kNobody &&
+        (intf_.compare_exchange_strong(owner, intf, std::memory_order_relaxed) || owner == intf)) {
+      until_.store(until.time_since_epoch().count(), std::memory_order_relaxed);
+    }
+  }
+
+ private:
+  static constexpr uint64_t kNobody = UINT64_MAX;
+
+  std::atomic<uint64_t> intf_{kNobody};
+  std::atomic<TimePoint::rep> until_{0};
 };
 
 // The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, what
@@ -145,6 +172,7 @@ struct MfibPvSet {
   Nynet::IntfId iifFrr;    // likewise
   Nynet::IntfId notify;    // likewise
   Nynet::IntfId fastdrop;  // likewise
+  mutable QuietMemo quiet;
   TimePoint createTime = Clock::now();
 };
 

@@ -305,7 +305,7 @@ class NyRcuHt {
     return find(key, hash);
   }
 
-  // Counts the entries that have left the table. A value that was found after this number was read
+  // Counts the entries that have left the table, from 1 on. A value that was found after this number was read
   // stays valid in every read side in which the number is still the same.
   uint64_t departures() const { return departures_.load(std::memory_order_acquire); }
 
@@ -520,5 +520,5 @@ class NyRcuHt {
   NyRcuHtIndex<Node> index_;
   std::atomic<size_t> entries_{0};  // counted where there is an index
   std::atomic<bool> growing_{false};
-  std::atomic<uint64_t> departures_{0};
+  std::atomic<uint64_t> departures_{1};
 };
