@@ -4,12 +4,13 @@
 // each of these up once, adds up what is counted for it, and hands the sums over when it ends.
 //
 // Threads    : one worker's, on its stack; from its construction to its end within one read side.
-// Ownership  : the batches are the running task's, the entries their tables'.
+// Ownership  : the batches are the running task's, the entries their tables'. Dropped packets are
+//              the pass's.
 // Cost       : outgoing() a few instructions for an interface that was met before in this pass.
 // Invariants :
 //   (1) a count reaches its entry before the pass has ended.
 //   (2) the map has every batch that outgoing packets were appended to.
-//   (3) a dropped packet is freed when the pass ends.
+//   (3) a dropped packet is freed when the pass ends, or before when its memory is needed.
 #pragma once
 
 #include <glog/logging.h>
@@ -81,9 +82,7 @@ class ForwardingPass {
     }
     settle(Fate::kForwarded, forwarded_);
     settle(Fate::kCopied, copied_);
-    if (deadBatch_ != nullptr) {
-      bess::Packet::Free(deadBatch_);
-    }
+    freeDropped();
   }
   ForwardingPass(const ForwardingPass&) = delete;
   ForwardingPass& operator=(const ForwardingPass&) = delete;
@@ -131,12 +130,20 @@ class ForwardingPass {
     out.batch->add(pkt);
   }
 
-  // Takes a dropped packet, which stays as it is until the pass ends.
+  // Takes a dropped packet, which stays as it is until freeDropped() or the pass's end.
   void addToDeadBatch(bess::Packet* pkt) {
     if (deadBatch_ == nullptr) {
       deadBatch_ = ctx_->task->AllocPacketBatch();
     }
     deadBatch_->add(pkt);
+  }
+  // Returns: false when there was none.
+  bool freeDropped() {
+    if (deadBatch_ == nullptr || deadBatch_->empty()) {
+      return false;
+    }
+    bess::Packet::Free(deadBatch_);
+    return true;
   }
 
  private:

@@ -17,13 +17,14 @@
 // allocation but its copies, slab nodes and
 //              a counter entry's first use after a publication.
 // Invariants :
-//   (1) an entry of mfib_ is never changed: route commands replace it.
+//   (1) an entry of mfib_ is never changed, but for its memos: route commands replace it.
 //   (2) a packet is passed on, held (the cache has a copy), or dropped and counted; never two of
 //   these.
 #pragma once
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -131,11 +132,12 @@ class Mfib : public Module {
   bool noCacheAlertLimited(uint8_t ttl) const;  // of packets with that TTL
   bool sgAlertDue(const MfibKey& key, TimePoint now) const;
   bool canSendSgAlert(const MfibKey& key, TimePoint now);  // and takes note of the alert
-  // `now`: no more than a second ago.
+  // `now`: no more than a second ago. `own`: the key's own (S,G) entry, to take a note of a no.
   bool canAlertWrongVif(const MfibKey& key,
                         Mfib_U64 iif,
                         const MfibPvSet& entry,
-                        TimePoint now = Clock::now()) const;
+                        TimePoint now = Clock::now(),
+                        const MfibPvSet* own = nullptr) const;
   void addWrongVifTimestamp(const MfibKey& key, uint64_t iif, TimePoint now);
   bool sgAlertCleanup();
   bool wrongVifTimestampReview();
@@ -192,10 +194,11 @@ class Mfib : public Module {
     TimePoint now() const { return pass->now(); }
   };
   // Room for those of a batch, each of which is made when its packet arrives.
-  union BatchWork {
-    BatchWork() {}
-    ~BatchWork() {}
-    std::array<PacketWork, bess::PacketBatch::kMaxBurst> packets;
+  struct BatchWork {
+    PacketWork* packets() { return reinterpret_cast<PacketWork*>(bytes.data()); }
+
+    alignas(
+        PacketWork) std::array<std::byte, sizeof(PacketWork) * bess::PacketBatch::kMaxBurst> bytes;
   };
   LookupResult lookupAnySource(const MfibKey& key, const Mfib_U64& iif) const;
 

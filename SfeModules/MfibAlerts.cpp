@@ -91,7 +91,8 @@ bool Mfib::canSendSgAlert(const MfibKey& key, TimePoint now) {
 bool Mfib::canAlertWrongVif(const MfibKey& key,
                             Mfib_U64 iif,
                             const MfibPvSet& entry,
-                            TimePoint now) const {
+                            TimePoint now,
+                            const MfibPvSet* own) const {
   constexpr uint32_t kOldestNow = 1;  // seconds: the clock is asked only when it may matter
   const std::shared_ptr<AlertTimes>* perIntf = wrongVifTimestampTable_->find(key);
   if (perIntf == nullptr) {
@@ -105,7 +106,9 @@ bool Mfib::canAlertWrongVif(const MfibKey& key,
   if (now + seconds(kOldestNow) > quiet) {
     return Clock::now() > quiet;
   }
-  entry.quiet.put(iif.value, quiet - seconds(kOldestNow));
+  if (own != nullptr) {
+    own->quiet.put(iif.value, quiet - seconds(kOldestNow));
+  }
   return false;
 }
 

@@ -190,6 +190,23 @@ TEST_F(MfibAlerts, nothingIsSentAfterTheTeardown) {
 
 // --- WrongVif -------------------------------------------------------------------------------
 
+// The note spares the look-ups, never the alert: it ends before the interval does.
+TEST_F(MfibAlerts, aNoIsNotedInTheKeysOwnEntryOnly) {
+  const MfibPvSet entry{};
+  pass(nanoseconds(1));
+  alerted(route(), kIntf);
+  EXPECT_FALSE(canAlert(route(), kIntf, entry));
+  EXPECT_FALSE(entry.quiet.holds(kIntf.value, ManualClock::now()));
+  EXPECT_FALSE(mfib_->canAlertWrongVif(route(), kIntf, entry, ManualClock::now(), &entry));
+  EXPECT_TRUE(entry.quiet.holds(kIntf.value, ManualClock::now()));
+  EXPECT_FALSE(entry.quiet.holds(kIntf.value + 1, ManualClock::now()));
+  entry.quiet.put(kIntf.value + 1, ManualClock::now() + seconds(100));
+  EXPECT_FALSE(entry.quiet.holds(kIntf.value + 1, ManualClock::now())) << "not its interface";
+  pass(seconds(15));
+  EXPECT_FALSE(entry.quiet.holds(kIntf.value, ManualClock::now()));
+  EXPECT_FALSE(canAlert(route(), kIntf, entry)) << "exactly the interval is not enough";
+}
+
 TEST_F(MfibAlerts, aWrongVifAlertGoesOutAgainOnlyAfterTheInterval) {
   const MfibPvSet entry{};
   pass(nanoseconds(1));

@@ -15,7 +15,7 @@ bool Mfib::ProcessPacket(Context* ctx,
                          TimePoint now) {
   ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_, fates_);
   BatchWork room;
-  PacketWork& work = arrive(room.packets.data(), pkt, reinjected, pass);
+  PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
   locate(work);
   lookUp(work, nullptr);
@@ -30,7 +30,7 @@ void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   {
     ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_);
     BatchWork room;
-    PacketWork* const begin = room.packets.data();
+    PacketWork* const begin = room.packets();
     PacketWork* const end = begin + batch->cnt();
     for (bess::Packet* pkt : *batch) {
       __builtin_prefetch(pkt->metadata<char*>());

@@ -172,6 +172,25 @@ TEST_F(MfibFanOut, sendsTheCopiesThatThePoolStillHas) {
   EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopyFailed)), 5U);
 }
 
+// From a dry pool, the copies are made of what the batch has dropped before.
+TEST_F(MfibFanOut, copiesIntoTheMemoryOfDroppedPackets) {
+  PacketCase row = flow_.row("dry", flow_.ip());
+  row.routes[0].oifs = oifs(0, 3);
+  prepare(row);
+  std::vector<bess::PacketPtr> batch;
+  for (const char* intf : {"Ethernet9", "Ethernet9", "Ethernet0", "Ethernet0"}) {
+    batch.push_back(packet(flow_.source, intf));
+  }
+  std::vector<bess::PacketPtr> hoard;
+  while (bess::Packet* taken = bess::PacketPool::defaultPool()->alloc()) {
+    hoard.emplace_back(taken);
+  }
+  EXPECT_EQ(receiveBatch(std::move(batch)).total(), 4U) << "two copies and both originals";
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopied)), 2U);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopyFailed)), 2U);
+  EXPECT_EQ(intfCounters("Ethernet9")->pktsDropped, 2U);
+}
+
 }  // namespace
 
 }  // namespace SfeModules

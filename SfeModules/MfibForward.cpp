@@ -95,11 +95,14 @@ Mfib::LookupResult Mfib::lookup(const MfibKey& key, const Mfib_U64& iif) const {
 
 // The look-up of a key without an (S,G) route.
 Mfib::LookupResult Mfib::lookupAnySource(const MfibKey& key, const Mfib_U64& iif) const {
-  if (!toggleMfaWcFwdEnabled() || routesByType_[kAnySource].load(std::memory_order_acquire) == 0) {
+  if (!toggleMfaWcFwdEnabled()) {
     return {nullptr, Match::kNone, key};
   }
   MfibKey search = key;
   search.source = {};
+  if (routesByType_[kAnySource].load(std::memory_order_acquire) == 0) {
+    return {nullptr, Match::kNone, search};
+  }
   const std::shared_ptr<MfibPvSet>* route = mfib_->find(search);
   if (route != nullptr && (*route)->iif.value() == iif.value) {
     return {route->get(), Match::kWildcard, search};
@@ -225,8 +228,9 @@ inline void Mfib::applyRoute(PacketWork& work, const MfibPvSet& entry) {
 void Mfib::considerWrongVif(PacketWork& work, const MfibPvSet& entry) {
   const MfibKey& key = work.headers.key;
   // What an entry remembers is of its own key.
-  const bool quiet = work.sourceGroup == &entry && entry.quiet.holds(work.inIntf, work.now());
-  if (quiet || !canAlertWrongVif(key, {work.inIntf}, entry, work.now())) {
+  const MfibPvSet* own = work.sourceGroup;
+  if ((own != nullptr && own->quiet.holds(work.inIntf, work.now())) ||
+      !canAlertWrongVif(key, {work.inIntf}, entry, work.now(), own)) {
     notifications_.count(work.ctx()->wid, Notification::kWrongVifSuppressed);
     return;
   }
@@ -391,7 +395,11 @@ void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSele
       // With a gate selection nobody knows how many more are wanted.
       const size_t wanted = gateSelect != 0 ? 1 : entry.numOifs - i;
       sent = 0;
-      made = copiesOf(work.pkt, common, copies.data(), std::min(wanted, copies.size()));
+      const size_t room = std::min(wanted, copies.size());
+      made = copiesOf(work.pkt, common, copies.data(), room);
+      if (made == 0 && !work.dropped && work.pass->freeDropped()) {
+        made = copiesOf(work.pkt, common, copies.data(), room);
+      }
       work.pass->countCopied(made);
     }
     if (sent == made) {

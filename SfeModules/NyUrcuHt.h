@@ -2,10 +2,11 @@
 //
 // Threads    | operation                           | control | worker | publisher | reader |
 //            | lookup, find, contains, walk        |   yes   |  yes   |    yes    |  yes   |
+//            | prefetch, locate, departures        |   yes   |  yes   |    yes    |  yes   |
 //            | insert, findOrInsert, erase(Node)   |   yes   |  yes   |    yes    |   -    |
 //            | construct                           |   yes   |  yes   |    yes    |  yes   |
 //            | destroy                             | the last owner, wherever it runs         |
-//              Any two of the first two rows may run at once, also for the same key.
+//              Any two of the first three rows may run at once, also for the same key.
 // Read side  : every thread above is a registered QSBR thread. A read side lasts from going online,
 //              or from the last quiescent state, to the next quiescent state; it takes no call.
 //              Destroying a table and, without deferred free, every removal is a quiescent state of
@@ -305,8 +306,8 @@ class NyRcuHt {
     return find(key, hash);
   }
 
-  // Counts the entries that have left the table, from 1 on. A value that was found after this number was read
-  // stays valid in every read side in which the number is still the same.
+  // Counts the entries that have left the table, from 1 on. A value that was found after this
+  // number was read stays valid in every read side in which it is read and is the same.
   uint64_t departures() const { return departures_.load(std::memory_order_acquire); }
 
   bool contains(const K& key) const { return find(key) != nullptr; }
