@@ -148,18 +148,24 @@ class QuietMemo {
   std::atomic<TimePoint::rep> until_{0};
 };
 
-// The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, what
-// the packet path reads comes first.
+// The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, next
+// to what the packet path reads besides them.
 struct MfibPvSet {
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
 
-  // Fetches what the packet path reads.
+  // Fetches what the packet path reads, up to the first interfaces.
   void prefetch() const {
-    __builtin_prefetch(this);
-    __builtin_prefetch(reinterpret_cast<const char*>(this) + RTE_CACHE_LINE_SIZE);
+    const char* hot = reinterpret_cast<const char*>(&counters);
+    __builtin_prefetch(hot);
+    __builtin_prefetch(hot + RTE_CACHE_LINE_SIZE);
   }
 
+  mutable QuietMemo quiet;
+  TimePoint createTime = Clock::now();
+  Nynet::IntfId iifFrr;           // stored and shown; the packet path does not use it
+  Nynet::IntfId notify;           // likewise
+  Nynet::IntfId fastdrop;         // likewise
   mutable CountersMemo counters;  // of the route's own (S,G)
   Nynet::IntfId iif;
   Nynet::IntfId* oifs = nullptr;  // numOifs long; null without interfaces
@@ -168,12 +174,7 @@ struct MfibPvSet {
   MacAddr dstMac{};
   bool iifRegister = false;
   bool oifRegister = false;
-  bool toCpu = false;      // stored and shown; the packet path does not use it
-  Nynet::IntfId iifFrr;    // likewise
-  Nynet::IntfId notify;    // likewise
-  Nynet::IntfId fastdrop;  // likewise
-  mutable QuietMemo quiet;
-  TimePoint createTime = Clock::now();
+  bool toCpu = false;  // stored and shown, as above
 };
 
 // A counter that several workers add to: the instructions of a plain `+= n`, with its lost updates
