@@ -27,7 +27,6 @@
 //   (6) with an index or without, a look-up finds what is in the table at that moment.
 #pragma once
 
-#include <rte_pause.h>
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
 
@@ -49,79 +48,8 @@
 #include "SfeModules/Assert.h"
 #include "SfeModules/CrcHash.h"
 #include "SfeModules/NyUrcuHtIndex.h"
+#include "SfeModules/NyUrcuHtNode.h"
 #include "SfeModules/RteAllocator.h"
-
-// What liburcu links and calls back with; base classes, so that both addresses lead to the node.
-struct NyRcuHtLink {
-  cds_lfht_node htNode{};
-};
-struct NyRcuHtReclaim {
-  rcu_head rcuHead{};
-};
-
-// All that a look-up reads: one cache line where key and value let it.
-template <class K, class V>
-struct NyRcuHtEntry : NyRcuHtLink {
-  NyRcuHtEntry(const K& k, V&& v) : key(k), value(std::move(v)) {}
-
-  K key;
-  V value;
-};
-
-template <class K, class V>
-struct NyRcuHtNode : NyRcuHtEntry<K, V>, NyRcuHtReclaim {
-  using KeyRelease = void (*)(K&);
-  using ValueRelease = void (*)(V&);
-  enum Ownership : uint8_t { kUnlinked, kLinked, kLocked };
-
-  NyRcuHtNode(const K& k, V&& v, KeyRelease onKey, ValueRelease onValue)
-      : NyRcuHtEntry<K, V>(k, std::move(v)), releaseKey(onKey), releaseValue(onValue) {}
-
-  static NyRcuHtNode* of(cds_lfht_node* htNode) {
-    return static_cast<NyRcuHtNode*>(reinterpret_cast<NyRcuHtLink*>(htNode));
-  }
-  static NyRcuHtNode* of(rcu_head* head) {
-    return static_cast<NyRcuHtNode*>(reinterpret_cast<NyRcuHtReclaim*>(head));
-  }
-
-  // Byte for byte. A key is a whole number of words, and short: no call, no branch per word.
-  static bool sameKey(const K& a, const K& b) {
-    const auto* left = reinterpret_cast<const unsigned char*>(&a);
-    const auto* right = reinterpret_cast<const unsigned char*>(&b);
-    uint64_t difference = 0;
-#pragma GCC unroll 4
-    for (size_t at = 0; at < sizeof(K); at += sizeof(uint64_t)) {
-      uint64_t one;
-      uint64_t other;
-      std::memcpy(&one, left + at, sizeof(one));
-      std::memcpy(&other, right + at, sizeof(other));
-      difference |= one ^ other;
-    }
-    return difference == 0;
-  }
-
-  // Locked for the moment in which its place in the index changes. Returns: false when the node is
-  // unlinked already. Waits for another thread's moment.
-  bool lock() {
-    Ownership expected = kLinked;
-    while (!ownership.compare_exchange_weak(expected, kLocked, std::memory_order_acq_rel)) {
-      if (expected == kUnlinked) {
-        return false;
-      }
-      expected = kLinked;
-      rte_pause();
-    }
-    return true;
-  }
-  void unlock() {
-    ownership.store(kLinked, std::memory_order_release);
-  }
-
-  KeyRelease releaseKey;      // called with the key when the node is freed; may be null
-  ValueRelease releaseValue;  // called with the value likewise; may be null
-  std::atomic<uint64_t>* place = nullptr;  // in the index; null when it is not there
-  std::atomic<Ownership> ownership{kLinked};
-};
 
 template <class K, class V, class A = Dpdk::RteAllocator<NyRcuHtNode<K, V>, 0>>
 class NyRcuHt {

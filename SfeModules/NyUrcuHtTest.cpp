@@ -124,51 +124,6 @@ TEST(NyUrcuHt, replacesLeavingOneEntry) {
   EXPECT_EQ(1U, table.size());
 }
 
-// Whoever keeps what was found has to look again once an entry, any one, has left.
-TEST(NyUrcuHt, countsWhatLeaves) {
-  Numbers table;
-  table.insert(1, 10);
-  table.insert(2, 20);
-  const uint64_t before = table.departures();
-  EXPECT_EQ(10U, *table.findOrInsert(1, 11));
-  EXPECT_FALSE(table.erase(3));
-  EXPECT_EQ(before, table.departures());
-  table.insert(1, 12);
-  EXPECT_EQ(before + 1, table.departures()) << "the replaced one";
-  EXPECT_TRUE(table.erase(2));
-  EXPECT_EQ(before + 2, table.departures());
-  EXPECT_TRUE(table.eraseNode(table.begin()));
-  EXPECT_EQ(before + 3, table.departures());
-}
-
-// In steps and at once: the same is found, whatever the node was located for.
-TEST(NyUrcuHt, findsInSteps) {
-  for (const uint32_t indexed : {0U, 1024U}) {
-    Numbers table(128, true, 128, nullptr, nullptr, indexed);
-    for (uint64_t key = 0; key < 500; ++key) {
-      table.insert(key, key + 1000);
-    }
-    size_t located = 0;
-    for (uint64_t key = 0; key < 600; ++key) {
-      const uint32_t hash = table.nyHash(key);
-      table.prefetch(hash);
-      const auto* node = table.locate(hash);
-      located += node != nullptr ? 1 : 0;
-      const uint64_t* value = table.find(key, hash, node);
-      ASSERT_EQ(table.find(key), value);
-      ASSERT_EQ(key < 500, value != nullptr);
-      ASSERT_EQ(value, table.find(key, hash, nullptr));
-    }
-    EXPECT_EQ(indexed != 0, located > 450);
-    const uint32_t hash = table.nyHash(7);
-    const auto* node = table.locate(hash);
-    table.erase(7);
-    EXPECT_EQ(nullptr, table.find(7, hash, node)) << "erased since it was located";
-    table.insert(7, 1);
-    EXPECT_EQ(1U, *table.find(7, hash, node));
-  }
-}
-
 TEST(NyUrcuHt, ignoresTheErasureOfAnAbsentKey) {
   Numbers table;
   table.insert(1, 10);
