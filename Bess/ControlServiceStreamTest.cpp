@@ -97,6 +97,15 @@ class ControlServiceStreamTest : public ControlTest {
   }
 };
 
+// Returns when a writer that has begun writes no more: every buffer on the way is full.
+void awaitRest(const std::atomic<int>& written) {
+  int before = -1;
+  while (before != written || written == 0) {
+    before = written;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+}
+
 TEST_F(ControlServiceStreamTest, answersInOrder) {
   std::vector<pb::ModuleCommandRequest> commands;
   for (int i = 0; i < 5000; ++i) {
@@ -241,11 +250,7 @@ TEST_F(ControlServiceBatchTest, slowsDownAClientThatReadsNothing) {
       written++;
     }
   });
-  int before = -1;
-  while (before != written || written == 0) {
-    before = written;
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  }
+  awaitRest(written);
   expectAlive(1);
   context.TryCancel();
   writer.join();
@@ -266,11 +271,7 @@ TEST_F(ControlServiceStreamTest, holdsFewLargeCommandsThatHaveNotRun) {
       written++;
     }
   });
-  int before = -1;
-  while (before != written || written == 0) {
-    before = written;
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  }
+  awaitRest(written);
   EXPECT_LT(written, 20);
   context.TryCancel();
   writer.join();
@@ -331,12 +332,7 @@ TEST_F(ControlServiceStreamTest, slowsDownAClientThatReadsNothing) {
       written++;
     }
   });
-  // It comes to rest: nothing more is taken once every buffer on the way is full.
-  int before = -1;
-  while (before != written || written == 0) {
-    before = written;
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  }
+  awaitRest(written);
   EXPECT_LT(written, 1000000);
   expectAlive(1);
   context.TryCancel();
