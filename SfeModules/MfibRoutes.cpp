@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "Base/Bindle/Exceptions.h"
 #include "Base/RcuAnnotate.h"
 #include "Base/Trace.h"
 #include "SfeModules/AddressText.h"
@@ -151,10 +152,16 @@ Sfe::Multicast::MrouteCounter Mfib::mrouteRecord(
 
 // An existing record is left as it is, so a replaced route keeps its counts.
 void Mfib::ensureMrouteRecord(const MfibKey& key) {
-  const auto routeKey = ipGenRouteKey(af_, key);
-  if (mrouteRecord(routeKey) == Sfe::Multicast::MrouteCounter{}) {
+  const Sfe::Multicast::MrouteCounter record = mrouteCounter(ipGenRouteKey(af_, key));
+  bool made = true;
+  try {
+    made = pellMrouteCounterTable_->mrouteNew(record);
+  } catch (const Bindle::CorruptionDetectedException& error) {
+    pellMrouteCounterTable_->doCorruptionDetected(error.what());
+    pellMrouteCounterTable_->mrouteIs(record);
+  }
+  if (made) {
     SFE_TRACE_AS(kAddSignature, "Mfib", 7, "Initializing Mroute counter for ", keyText(key));
-    pellMrouteCounterTable_->mrouteIs(mrouteCounter(routeKey));
   }
 }
 

@@ -169,22 +169,29 @@ CounterStore::Found CounterStore::find(std::span<const uint64_t> key,
     if (node == nullptr) {
       return Found::kAbsent;
     }
-    const SlotState state = memory_.read(node->slot, record);
-    if (!owns(*node)) {
-      continue;  // erased meanwhile
-    }
-    if (state == SlotState::kFree) {
-      return Found::kAbsent;  // its first write is under way, or it was taken out of sight
-    }
-    if (state == SlotState::kUsed && sameWords(keyOf(record), key)) {
-      return Found::kFound;
-    }
-    bool stale = false;
-    const Found confirmed = confirm(*node, record, &stale);
-    if (!stale) {
-      return confirmed;
+    if (const std::optional<Found> found = read(*node, key, record)) {
+      return *found;
     }
   }
+}
+
+// Returns: nothing when the node was erased meanwhile.
+std::optional<CounterStore::Found> CounterStore::read(const Node& node,
+                                                      std::span<const uint64_t> key,
+                                                      std::span<uint64_t> record) const {
+  const SlotState state = memory_.read(node.slot, record);
+  if (!owns(node)) {
+    return std::nullopt;
+  }
+  if (state == SlotState::kFree) {
+    return Found::kAbsent;  // its first write is under way, or it was taken out of sight
+  }
+  if (state == SlotState::kUsed && sameWords(keyOf(record), key)) {
+    return Found::kFound;
+  }
+  bool stale = false;
+  const Found confirmed = confirm(node, record, &stale);
+  return stale ? std::nullopt : std::optional(confirmed);
 }
 
 // Reads a slot that looked wrong again, as its only writer: what is wrong now is damage.
@@ -212,24 +219,47 @@ CounterStore::Found CounterStore::confirm(const Node& node,
 bool CounterStore::put(std::span<const uint64_t> record) {
   requireWritable();
   for (Spinner spinner;; spinner.wait()) {
-    if (const Node* node = lookup(keyOf(record)); node != nullptr) {
-      if (!claim(*node)) {
-        continue;  // erased meanwhile
-      }
-      memory_.write(node->slot, record);
-      release(*node);
-      return true;
-    }
-    switch (insert(record)) {
-      case Inserted::kDone:
+    const Fullness before = fullness();
+    const Node* node = lookup(keyOf(record));
+    if (node != nullptr) {
+      if (writeTo(*node, record)) {
         return true;
-      case Inserted::kFull:
-        countOverflow();
-        return false;
-      case Inserted::kLost:
-        break;  // another thread was first with this key or with the last slot
+      }
+      continue;  // erased meanwhile
+    }
+    if (const Inserted inserted = insert(record, before); inserted != Inserted::kLost) {
+      return inserted == Inserted::kDone;
     }
   }
+}
+
+CounterStore::Found CounterStore::putNew(std::span<const uint64_t> record) {
+  requireWritable();
+  RecordBuffer buffer(memory_.shape());
+  for (Spinner spinner;; spinner.wait()) {
+    const Fullness before = fullness();
+    const Node* node = lookup(keyOf(record));
+    if (node == nullptr) {
+      if (insert(record, before) != Inserted::kLost) {
+        return Found::kAbsent;
+      }
+      continue;
+    }
+    const std::optional<Found> found = read(*node, keyOf(record), buffer.words());
+    if (found.has_value() && (*found != Found::kAbsent || writeTo(*node, record))) {
+      return *found;
+    }
+  }
+}
+
+// Returns: false when the slot is not the node's any more.
+bool CounterStore::writeTo(const Node& node, std::span<const uint64_t> record) {
+  if (!claim(node)) {
+    return false;
+  }
+  memory_.write(node.slot, record);
+  release(node);
+  return true;
 }
 
 // A node for `slot`, which it owns and has claimed.
@@ -254,22 +284,30 @@ bool CounterStore::addToIndex(Node* node) {
          &node->hashNode;
 }
 
-// Whether there was a moment at which the table was full and had no record of `key`. Without one,
-// other threads hold slots for a moment and give them back.
-// A count that is the capacity means that every slot has a counted record and no insertion or
-// erasure is between its steps. If a record of `key` was erased between the two counts, the count
-// went down, and it did not come back without an insertion, which takes a new tag.
-bool CounterStore::isFullWithout(std::span<const uint64_t> key) const {
+CounterStore::Fullness CounterStore::fullness() const {
   const uint64_t tag = nextTag_.load();
-  return size_.load() >= memory_.capacity() && lookup(key) == nullptr &&
-         size_.load() >= memory_.capacity() && nextTag_.load() == tag;
+  return {size_.load() >= memory_.capacity(), tag};
 }
 
+// Whether there was a moment at which the table was full and had no record of a key, which was
+// looked for in vain since `before`. Without one, other threads hold slots for a moment and give
+// them back.
+// A count that is the capacity means that every slot has a counted record and no insertion or
+// erasure is between its steps. If a record of the key was erased between the two counts, the count
+// went down, and it did not come back without an insertion, which takes a new tag.
+bool CounterStore::wasFull(const Fullness& before) const {
+  return before.full && size_.load() >= memory_.capacity() && nextTag_.load() == before.nextTag;
+}
+
+// Requires: the key was not in the index, looked up since `before`.
 // The node enters the index claimed: who finds it waits until its first record is written.
-CounterStore::Inserted CounterStore::insert(std::span<const uint64_t> record) {
+// Returns: kLost when another thread was first with this key or with the last slot.
+CounterStore::Inserted CounterStore::insert(std::span<const uint64_t> record,
+                                            const Fullness& before) {
   const std::span key = keyOf(record);
-  if (isFullWithout(key)) {
-    return Inserted::kFull;  // without a look at every slot
+  if (wasFull(before)) {
+    countOverflow();  // without a look at every slot
+    return Inserted::kFull;
   }
   const std::optional<uint32_t> slot = free_.take();
   if (!slot) {

@@ -30,6 +30,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -61,6 +62,10 @@ class CounterStore {
   // Writes a record, its key in front. Returns: false when the key is new and the table is full.
   bool put(std::span<const uint64_t> record);
 
+  // Writes a record whose key has none; one that find() would find or call damaged stays as it is.
+  // Returns: kAbsent when it was written, or dropped because the table is full, else what there is.
+  Found putNew(std::span<const uint64_t> record);
+
   // Returns: true when there was a record of that key.
   bool erase(std::span<const uint64_t> key);
 
@@ -83,6 +88,11 @@ class CounterStore {
  private:
   struct Node;
   enum class Inserted { kDone, kLost, kFull };
+  // What was to be seen before a key was looked for in vain.
+  struct Fullness {
+    bool full;
+    uint64_t nextTag;
+  };
 
   std::span<const uint64_t> keyOf(std::span<const uint64_t> record) const;
   void requireWritable() const;
@@ -92,11 +102,16 @@ class CounterStore {
   bool owns(const Node& node) const;
   Found findByScan(std::span<const uint64_t> key, std::span<uint64_t> record) const;
   Found confirm(const Node& node, std::span<uint64_t> record, bool* stale) const;
+  std::optional<Found> read(const Node& node,
+                            std::span<const uint64_t> key,
+                            std::span<uint64_t> record) const;
+  bool writeTo(const Node& node, std::span<const uint64_t> record);
   uint64_t countByScan() const;
   std::unique_ptr<Node> makeNode(uint32_t slot, std::span<const uint64_t> key);
   bool addToIndex(Node* node);
-  bool isFullWithout(std::span<const uint64_t> key) const;
-  Inserted insert(std::span<const uint64_t> record);
+  Fullness fullness() const;
+  bool wasFull(const Fullness& before) const;
+  Inserted insert(std::span<const uint64_t> record, const Fullness& before);
   bool eraseNode(Node* node);
   void countOverflow();
   void rebuildIndex();

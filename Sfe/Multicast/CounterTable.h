@@ -61,15 +61,24 @@ class CounterTable : public Orp::PtrInterface {
       case CounterStore::Found::kDamaged:
         break;
     }
-    throw Bindle::CorruptionDetectedException(store_->name() + " " + store_->path() +
-                                              ": the record of " + Record::keyText(key) +
-                                              " is damaged");
+    throw damaged(key);
   }
 
   void store(const Record& record) {
     std::array<uint64_t, Record::kShape.recordWords()> words;
     record.toWords(words);
     store_->put(words);
+  }
+
+  // Leaves a record that there is as it is. Returns: false when there is one.
+  bool storeNew(const Record& record) {
+    std::array<uint64_t, Record::kShape.recordWords()> words;
+    record.toWords(words);
+    const CounterStore::Found found = store_->putNew(words);
+    if (found == CounterStore::Found::kDamaged) {
+      throw damaged(record.key());
+    }
+    return found == CounterStore::Found::kAbsent;
   }
 
   void remove(const Key& key) {
@@ -81,6 +90,12 @@ class CounterTable : public Orp::PtrInterface {
   void removeAll() { store_->eraseAll(); }
 
  private:
+  Bindle::CorruptionDetectedException damaged(const Key& key) const {
+    return Bindle::CorruptionDetectedException(store_->name() + " " + store_->path() +
+                                               ": the record of " + Record::keyText(key) +
+                                               " is damaged");
+  }
+
   std::shared_ptr<CounterStore> store_;
 };
 

@@ -187,6 +187,41 @@ TEST_F(CounterTableTest, dropsAndCountsTheRecordThatDoesNotFit) {
   EXPECT_EQ(table->size(), 0u);
 }
 
+TEST_F(CounterTableTest, makesANewRecordWhereThereIsNone) {
+  const auto table = mrouteTable();
+  MrouteCounter counted(routeKey(0));
+  counted.pktsInInc(7);
+  table->mrouteIs(counted);
+  EXPECT_FALSE(table->mrouteNew(MrouteCounter(routeKey(0))));
+  EXPECT_EQ(table->mroute(routeKey(0)), counted);
+  for (uint32_t n = 1; n < kCapacity; ++n) {
+    EXPECT_TRUE(table->mrouteNew(MrouteCounter(routeKey(n))));
+    EXPECT_EQ(table->mroute(routeKey(n)), MrouteCounter(routeKey(n)));
+  }
+  EXPECT_EQ(table->overflows(), 0u);
+  EXPECT_TRUE(table->mrouteNew(MrouteCounter(routeKey(kCapacity))));
+  EXPECT_EQ(table->overflows(), 1u);
+  EXPECT_EQ(table->mroute(routeKey(kCapacity)), MrouteCounter());
+  EXPECT_FALSE(table->mrouteNew(MrouteCounter(routeKey(1))));
+  EXPECT_EQ(table->overflows(), 1u);
+  table->mrouteDel(routeKey(1));
+  EXPECT_TRUE(table->mrouteNew(MrouteCounter(routeKey(kCapacity))));
+  EXPECT_EQ(table->mroute(routeKey(kCapacity)), MrouteCounter(routeKey(kCapacity)));
+  EXPECT_EQ(table->overflows(), 1u);
+}
+
+TEST_F(CounterTableTest, reportsDamageToWhoWantsToMakeANewRecord) {
+  const auto table = mrouteTable();
+  RawObject raw(systemName_, table->path());
+  table->mrouteIs(MrouteCounter(routeKey(3)));
+  raw.flip(kHeaderBytes + 30, 1);
+  EXPECT_THROW(table->mrouteNew(MrouteCounter(routeKey(3))), CorruptionDetectedException);
+  table->doCorruptionDetected("noted");
+  EXPECT_TRUE(table->mrouteNew(MrouteCounter(routeKey(3))));
+  EXPECT_EQ(table->mroute(routeKey(3)), MrouteCounter(routeKey(3)));
+  EXPECT_EQ(table->size(), 1u);
+}
+
 TEST_F(CounterTableTest, reportsDamageOfEveryByteOfARecordUntilItIsNoted) {
   const auto table = intfTable(1);
   RawObject raw(systemName_, table->path());

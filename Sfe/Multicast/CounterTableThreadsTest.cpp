@@ -99,6 +99,44 @@ TEST_F(CounterTableThreadsTest, neverMixesRecordsOfSlotsThatAreUsedAgain) {
   EXPECT_EQ(IntfCounterReader(systemName_, table->path()).snapshot().size(), present);
 }
 
+// More keys than slots: records are made, dropped and deleted by both.
+TEST_F(CounterTableThreadsTest, makesNewRecordsInATableThatIsOftenFull) {
+  constexpr uint32_t kSlots = 6;
+  constexpr uint32_t kKeys = 8;
+  constexpr uint64_t kRounds = 20000;
+  const auto table = mountTable<MrouteCounterTable>(systemName_, kSlots);
+  std::atomic<uint64_t> mixtures{0};
+  auto churn = [&](uint64_t seed) {
+    const RcuThread rcu;
+    for (uint64_t round = 0; round < kRounds; ++round) {
+      seed = seed * 6364136223846793005u + 1442695040888963407u;
+      const auto key = routeKey((seed >> 33) % kKeys);
+      if ((seed >> 60) % 3 == 0) {
+        table->mrouteDel(key);
+      } else {
+        table->mrouteNew(MrouteCounter(key));
+      }
+      const MrouteCounter seen = table->mroute(key);
+      if (!(seen == MrouteCounter()) && seen != MrouteCounter(key)) {
+        mixtures.fetch_add(1);
+      }
+      rcu.quiescent();
+    }
+  };
+  std::thread first(churn, 1);
+  std::thread second(churn, 2);
+  joinOffline({&first, &second});
+  EXPECT_EQ(mixtures.load(), 0u);
+  EXPECT_GT(table->overflows(), 0u);
+  EXPECT_EQ(table->corruptions(), 0u);
+  uint64_t present = 0;
+  for (uint32_t n = 0; n < kKeys; ++n) {
+    present += table->mroute(routeKey(n)) == MrouteCounter() ? 0 : 1;
+  }
+  EXPECT_EQ(table->size(), present);
+  EXPECT_LE(present, kSlots);
+}
+
 TEST_F(CounterTableThreadsTest, showsReadersWholeRecordsWhileTheyAreWritten) {
   constexpr uint64_t kKeys = 4;
   constexpr int kSnapshots = 300;

@@ -19,6 +19,8 @@ class MrouteCounterTable : public CounterTable<MrouteCounter> {
 
   MrouteCounter mroute(const Key& key) const { return lookup(key); }
   void mrouteIs(const MrouteCounter& record) { store(record); }
+  // Only where the key has none. Returns: false when it has one.
+  bool mrouteNew(const MrouteCounter& record) { return storeNew(record); }
   void mrouteDel(const Key& key) { remove(key); }
   void mrouteDelAll() { removeAll(); }
 };
