@@ -2,6 +2,7 @@
 // the control thread, and is answered together.
 #include <algorithm>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -15,17 +16,14 @@ namespace {
 
 // Other clients wait for at most so many commands of each stream.
 constexpr size_t kMaxTurn = 256;
-// What a stream holds unread, and what it keeps of a message for the next one, in bytes.
+// What a stream holds that has not run, in bytes.
 constexpr size_t kMaxWaitingBytes = size_t{1} << 20;
-constexpr size_t kMaxKeptBytes = size_t{64} << 10;
-
-// Gives the memory of a large message back; a small one's is used again.
-template <class Message>
-void trim(Message& message) {
-  if (message.SpaceUsedLong() > kMaxKeptBytes) {
-    message = Message();
-  }
-}
+// How long a stream uses the memory of its messages again: until so much has gone through it. What
+// it keeps is bounded by that, and nobody has to measure it.
+constexpr size_t kMaxKeptBytes = size_t{4} << 20;
+constexpr size_t kMaxKeptCommands = 64 * kMaxTurn;
+// Likewise of the answers to one message.
+constexpr size_t kMaxKeptAnswers = 4 * kMaxTurn;
 
 // The forms that a stream's messages have: one command and its answer, or a batch of either.
 struct SingleForm {
@@ -36,7 +34,7 @@ struct SingleForm {
   static size_t count(const Request&) { return 1; }
   static const pb::ModuleCommandRequest& command(const Request& request, size_t) { return request; }
   static bool endsWithRefusal(const Request&) { return false; }
-  static void clear(Response&) {}
+  static void clear(Response& response) { response.Clear(); }
   static pb::CommandResponse& addAnswer(Response& response) { return response; }
 };
 
@@ -52,15 +50,26 @@ struct BatchForm {
     return request.commands(static_cast<int>(index));
   }
   static bool endsWithRefusal(const Request& request) { return request.until_refused(); }
-  static void clear(Response& response) { response.Clear(); }
+  static void clear(Response& response) {
+    if (static_cast<size_t>(response.responses_size()) > kMaxKeptAnswers) {
+      response = Response();
+    }
+    response.Clear();
+  }
   static pb::CommandResponse& addAnswer(Response& response) { return *response.add_responses(); }
 };
 
-// Messages in the order of arrival. Those behind `count` have run; their memory is used again.
+// A message of a stream. Its memory is used again when its commands have run.
+template <class Form>
+struct Message {
+  typename Form::Request request;
+  unsigned generation = 0;
+};
+
+// Messages in the order of arrival.
 template <class Form>
 struct Group {
-  std::vector<typename Form::Request> requests;
-  size_t count = 0;
+  std::vector<std::unique_ptr<Message<Form>>> messages;
   size_t commands = 0;  // of them all
   size_t bytes = 0;     // likewise
 };
@@ -70,29 +79,36 @@ struct Group {
 template <class Form>
 class ReadAhead {
  public:
-  // Waits for room; `request` becomes one that has run. Returns: false when nobody takes requests
+  using Owner = std::unique_ptr<Message<Form>>;
+
+  // Waits for room; `message` becomes one to read into. Returns: false when nobody takes messages
   // any more.
-  bool put(typename Form::Request& request) {
-    const size_t commands = Form::count(request);
-    const size_t bytes = request.ByteSizeLong();
+  bool put(Owner& message) {
+    const size_t commands = Form::count(message->request);
+    const size_t bytes = message->request.ByteSizeLong();
+    std::vector<Owner> old;  // freed without the lock
     std::unique_lock lock(mutex_);
     room_.wait(lock, [this, commands, bytes] {
-      return waiting_.count == 0 || closed_ ||
-             (waiting_.count < kMaxTurn && waiting_.commands + commands <= kMaxTurn &&
+      return waiting_.messages.empty() || closed_ ||
+             (waiting_.messages.size() < kMaxTurn && waiting_.commands + commands <= kMaxTurn &&
               waiting_.bytes + bytes <= kMaxWaitingBytes);
     });
     if (closed_) {
       return false;
     }
-    if (waiting_.count == waiting_.requests.size()) {
-      waiting_.requests.emplace_back();
-    }
-    waiting_.requests[waiting_.count++].Swap(&request);
-    trim(request);
+    waiting_.messages.push_back(std::move(message));
     waiting_.commands += commands;
     waiting_.bytes += bytes;
-    if (waiting_.count == 1) {
+    if (waiting_.messages.size() == 1) {
       arrived_.notify_one();
+    }
+    renew(commands, bytes, old);
+    if (!free_.empty()) {
+      message = std::move(free_.back());
+      free_.pop_back();
+    } else {
+      message = std::make_unique<Message<Form>>();
+      message->generation = generation_;
     }
     return true;
   }
@@ -106,25 +122,52 @@ class ReadAhead {
     room_.notify_one();
   }
 
-  // Waits for requests and takes all there are. Returns: false when there are none and will be
-  // none.
+  // Takes back the messages of `group`, waits for others and takes all there are. Returns: false
+  // when there are none and will be none.
   bool take(Group<Form>& group) {
-    group.count = 0;
+    std::vector<Owner> old;  // freed without the lock
+    std::unique_lock lock(mutex_);
+    for (Owner& message : group.messages) {
+      (message->generation == generation_ ? free_ : old).push_back(std::move(message));
+    }
+    group.messages.clear();
     group.commands = 0;
     group.bytes = 0;
-    std::unique_lock lock(mutex_);
-    arrived_.wait(lock, [this] { return waiting_.count > 0 || closed_; });
+    if (!old.empty()) {
+      lock.unlock();
+      old.clear();
+      lock.lock();
+    }
+    arrived_.wait(lock, [this] { return !waiting_.messages.empty() || closed_; });
     std::swap(group, waiting_);
     room_.notify_one();
-    return group.count > 0;
+    return !group.messages.empty();
   }
 
  private:
+  // Every so often all messages give way to new ones.
+  void renew(size_t commands, size_t bytes, std::vector<Owner>& old) {
+    usedCommands_ += commands;
+    usedBytes_ += bytes;
+    if (usedCommands_ > kMaxKeptCommands || usedBytes_ > kMaxKeptBytes) {
+      ++generation_;
+      usedCommands_ = 0;
+      usedBytes_ = 0;
+      old.swap(free_);
+    }
+  }
+
   std::mutex mutex_;
   std::condition_variable room_;
   std::condition_variable arrived_;
-  Group<Form> waiting_;  // guarded by mutex_
-  bool closed_ = false;  // guarded by mutex_
+
+  // All guarded by mutex_.
+  Group<Form> waiting_;
+  bool closed_ = false;
+  std::vector<Owner> free_;  // of this generation, whose commands have run
+  unsigned generation_ = 0;
+  size_t usedCommands_ = 0;  // what this generation has carried
+  size_t usedBytes_ = 0;
 };
 
 // The commands of one group, one after another, and their answers.
@@ -137,21 +180,18 @@ class Turns {
     group_ = &group;
     message_ = 0;
     command_ = 0;
-    if (answers_.size() < group.count) {
-      answers_.resize(group.count);
+    if (answers_.size() < group.messages.size()) {
+      answers_.resize(group.messages.size());
     }
-    std::for_each_n(answers_.begin(), group.count, [](typename Form::Response& answer) {
-      Form::clear(answer);
-      trim(answer);
-    });
+    std::for_each_n(answers_.begin(), group.messages.size(), &Form::clear);
   }
-  bool done() const { return message_ == group_->count; }
+  bool done() const { return message_ == group_->messages.size(); }
   const typename Form::Response& answer(size_t index) const { return answers_[index]; }
 
   // On the control thread. Runs as many commands as one turn may have.
   void run() {
     for (size_t left = kMaxTurn; !done();) {
-      const typename Form::Request& request = group_->requests[message_];
+      const typename Form::Request& request = group_->messages[message_]->request;
       if (ended_ || command_ == Form::count(request)) {
         ++message_;
         command_ = 0;
@@ -194,8 +234,8 @@ grpc::Status ControlService::runCommands(
   } const slot{*this};
   ReadAhead<Form> readAhead;
   std::jthread reader([&] {
-    typename Form::Request request;
-    while (stream.Read(&request) && readAhead.put(request)) {
+    auto message = std::make_unique<Message<Form>>();
+    while (stream.Read(&message->request) && readAhead.put(message)) {
     }
     readAhead.close();
   });
@@ -209,7 +249,7 @@ grpc::Status ControlService::runCommands(
     while (status.ok() && !turns.done()) {
       status = onControlThread([&turns] { turns.run(); });
     }
-    for (size_t i = 0; status.ok() && reading && i < group.count; ++i) {
+    for (size_t i = 0; status.ok() && reading && i < group.messages.size(); ++i) {
       // Each on its own: told to wait in its buffer for the next one, the transport may keep the
       // caller waiting too.
       reading = stream.Write(turns.answer(i));
