@@ -87,23 +87,52 @@ std::string hint(const std::string& target) {
   return tryConnect(path) == EACCES ? whoMay(path) : "";
 }
 
-// As many commands as one message should carry. Returns: how many.
-size_t fill(bess::pb::ModuleCommandBatch& batch,
-            std::span<const bess::pb::ModuleCommandRequest* const> requests) {
+using Requests = std::span<const bess::pb::ModuleCommandRequest* const>;
+
+// What a command takes in a message, but for a few bytes.
+size_t bytesOf(const bess::pb::ModuleCommandRequest& request) {
+  return request.module().size() + request.command().size() + request.arg().type_url().size() +
+         request.arg().value().size();
+}
+
+// How many of the commands one message should carry.
+size_t batchSize(Requests requests) {
   constexpr size_t kCommands = 256;
   constexpr size_t kBytes = 256 << 10;  // more only for a single command
-  batch.mutable_commands()->Clear();
-  size_t count = 0;
+  const size_t most = std::min(kCommands, requests.size());
   size_t bytes = 0;
-  for (; count < std::min(kCommands, requests.size()); ++count) {
-    bytes += requests[count]->ByteSizeLong();
+  for (size_t count = 0; count < most; ++count) {
+    bytes += bytesOf(*requests[count]);
     if (count > 0 && bytes > kBytes) {
-      break;
+      return count;
     }
-    *batch.add_commands() = *requests[count];
   }
-  return count;
+  return most;
 }
+
+// A message with commands that stay others': nothing of them is copied.
+class LentBatch {
+ public:
+  explicit LentBatch(Requests requests) {
+    batch_.set_until_refused(true);
+    batch_.mutable_commands()->Reserve(static_cast<int>(requests.size()));
+    for (const auto* request : requests) {
+      // The message is only written, which changes nothing that a command says.
+      batch_.mutable_commands()->UnsafeArenaAddAllocated(
+          const_cast<bess::pb::ModuleCommandRequest*>(request));
+    }
+  }
+  ~LentBatch() {
+    batch_.mutable_commands()->UnsafeArenaExtractSubrange(0, batch_.commands_size(), nullptr);
+  }
+  LentBatch(const LentBatch&) = delete;
+  LentBatch& operator=(const LentBatch&) = delete;
+
+  const bess::pb::ModuleCommandBatch& message() const { return batch_; }
+
+ private:
+  bess::pb::ModuleCommandBatch batch_;
+};
 
 }  // namespace
 
@@ -184,16 +213,15 @@ void Client::stream(std::span<const bess::pb::ModuleCommandRequest* const> reque
   grpc::ClientContext context;
   context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
   const auto call = stub_->ModuleCommandBatchStream(&context);
-  bess::pb::ModuleCommandBatch batch;
-  batch.set_until_refused(true);
   bess::pb::CommandResponseBatch answers;
   size_t sent = 0;
   size_t answered = 0;
   bool open = true;
   while (open && answered < requests.size()) {
     while (open && sent < requests.size() && sent < answered + kUnderWay) {
-      sent += fill(batch, requests.subspan(sent));
-      open = call->Write(batch);
+      const LentBatch batch(requests.subspan(sent).first(batchSize(requests.subspan(sent))));
+      open = call->Write(batch.message());
+      sent += static_cast<size_t>(batch.message().commands_size());
     }
     open = open && call->Read(&answers);
     for (int i = 0; open && i < answers.responses_size(); ++i, ++answered, ++done) {
