@@ -4,7 +4,6 @@
 #include <glog/logging.h>
 #include <grpc/support/log.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
-#include <grpcpp/health_check_service_interface.h>
 #include <grpcpp/resource_quota.h>
 
 #include <chrono>
@@ -39,19 +38,10 @@ void enablePlugins() {
     gpr_set_log_function(&logTransport);
     // The packaged library looks for cycles at each of the transport's locks: a tenth of a call.
     absl::SetMutexDeadlockDetectionMode(absl::OnDeadlockCycle::kIgnore);
-    grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
     return true;
   }();
   static_cast<void>(enabled);
-}
-
-void setHealth(grpc::Server& server, bool serving) {
-  auto* health = server.GetHealthCheckService();
-  if (health != nullptr) {
-    health->SetServingStatus(serving);
-    health->SetServingStatus(pb::BESSControl::service_full_name(), serving);
-  }
 }
 
 constexpr int kPollMs = 100;
@@ -95,7 +85,7 @@ ControlServer::ControlServer(ControlService* service, const ControlServerOptions
   }
   start(service, options);
   socket_.publish();
-  setHealth(*server_, true);
+  health_.setServing(true);
   if (readers_) {
     startReaders(service);
   }
@@ -116,6 +106,7 @@ void ControlServer::start(ControlService* service, const ControlServerOptions& o
         &tcpPort_);
   }
   builder.RegisterService(service);
+  builder.RegisterService(&health_);
   server_ = builder.BuildAndStart();
   if (server_ == nullptr) {
     throw ControlSocketError(!tcp.empty() && tcpPort_ == 0 ? tcpFailure(options, tcp)
@@ -130,23 +121,28 @@ void ControlServer::startReaders(ControlService* service) {
                            grpc::InsecureServerCredentials());
   readers_->service = service->readOnly();
   builder.RegisterService(readers_->service.get());
+  builder.RegisterService(&readers_->health);
   readers_->server = builder.BuildAndStart();
   if (readers_->server == nullptr) {
     throw ControlSocketError("cannot listen on " + readers_->socket.path());
   }
   readers_->socket.publish();
-  setHealth(*readers_->server, true);
+  readers_->health.setServing(true);
 }
 
 ControlServer::~ControlServer() {
   const auto deadline = std::chrono::system_clock::now() + kStopPatience;
-  for (grpc::Server* server : {readers_ ? readers_->server.get() : nullptr, server_.get()}) {
+  const auto stop = [deadline](ControlHealth& health, grpc::Server* server) {
+    health.stop();
     if (server != nullptr) {
-      setHealth(*server, false);
       server->Shutdown(deadline);
       server->Wait();
     }
+  };
+  if (readers_) {
+    stop(readers_->health, readers_->server.get());
   }
+  stop(health_, server_.get());
 }
 
 }  // namespace bess

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 
+#include "Bess/ControlHealth.h"
 #include "Bess/ControlService.h"
 #include "Bess/ControlSocket.h"
 #include "Bess/ControlTls.h"
@@ -55,6 +56,7 @@ class ControlServer {
         : socket(options.readSocket, options.readGroup) {}
     ControlSocket socket;
     std::unique_ptr<ControlService> service;
+    ControlHealth health;
     std::unique_ptr<grpc::Server> server;
   };
   void start(ControlService* service, const ControlServerOptions& options);
@@ -62,6 +64,7 @@ class ControlServer {
 
   ControlSocket socket_;
   std::optional<Readers> readers_;
+  ControlHealth health_;
   std::unique_ptr<grpc::Server> server_;
   int tcpPort_ = 0;
 };

@@ -83,6 +83,7 @@ def proto(path):
     lines = path.read_text().splitlines()
     opening = [line[2:].strip() for line in lines[:next(i for i, x in enumerate(lines) if x.startswith("syntax"))]]
     parts, comment, rows, title = [f"## {path.name}\n", " ".join(filter(None, opening)) + "\n"], [], [], None
+    outer, inner = None, []  # an enum inside a message
     for line in lines:
         start = re.match(r"(message|enum|service) (\w+) \{", line)
         if start:
@@ -93,11 +94,17 @@ def proto(path):
             comment = []
         elif line.strip().startswith("//"):
             comment.append(line.strip()[2:].strip())
+        elif title and re.match(r"  enum \w+ \{", line):
+            outer, rows = (title, rows), []
+            title = re.match(r"(enum) (\w+)", line.strip())
+        elif line == "  }":
+            inner, comment = [f"Values of {title.group(2)}:\n", table(["value", "name"], rows)], []
+            title, rows = outer
         elif line == "}":
             heads = {"message": ["number", "field", "type", "meaning"], "enum": ["value", "name"],
                      "service": ["call", "request", "answer", "meaning"]}[title.group(1)]
-            parts.append(table(heads, rows) if rows else "No fields.\n")
-            title, comment = None, []
+            parts += [table(heads, rows) if rows else "No fields.\n", *inner]
+            title, comment, inner = None, [], []
         elif title and (call := RPC.match(line)):
             name, sent, request, got, answer = call.groups()
             rows.append([f"`{name}`", (sent or "") + request, (got or "") + answer, " ".join(comment)])
@@ -117,7 +124,7 @@ def proto(path):
 
 
 def protocol():
-    files = [ROOT / "protocol" / name for name in ("bess.proto", "sfe.proto", "modules.proto")]
+    files = [ROOT / "protocol" / name for name in ("bess.proto", "sfe.proto", "modules.proto", "health.proto")]
     return page("The control protocol", "gRPC over the daemon's control socket. Field numbers are never reused.\n",
                 *[proto(path) for path in files])
 
