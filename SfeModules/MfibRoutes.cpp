@@ -74,17 +74,16 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
     return refusal;
   }
   const MfibKey key = routeKeyOf(arg);
+  const uint32_t hash = mfib_->nyHash(key);
+  mfib_->prefetch(hash);
+  std::shared_ptr<MfibPvSet> entry = buildEntry(arg, key);
 
   // A route is replaced by taking the old entry out first: until the new one is in, its packets
   // find no route.
-  std::shared_ptr<MfibPvSet> old;
-  if (const std::shared_ptr<MfibPvSet>* found = mfib_->find(key); found != nullptr) {
-    old = *found;
+  if (const std::shared_ptr<MfibPvSet>* found = mfib_->find(key, hash); found != nullptr) {
     mfib_->erase(key);
     routesOfType(key) -= 1;
   }
-  std::shared_ptr<MfibPvSet> entry = buildEntry(arg, key);
-  old.reset();
 
   ensureMrouteRecord(key);
   for (uint32_t i = 0; i < entry->numOifs; ++i) {
@@ -121,6 +120,10 @@ CommandResponse Mfib::deleteMroute(const sfe::pb::MfibRouteArg& arg) {
     return refusal;
   }
   const MfibKey key = routeKeyOf(arg);
+  const uint32_t hash = mfib_ != nullptr ? mfib_->nyHash(key) : 0;
+  if (mfib_ != nullptr) {
+    mfib_->prefetch(hash);
+  }
   const auto routeKey = ipGenRouteKey(af_, key);
   // A record with packets still held stays until they are gone; this does not depend on the route
   // being there.
@@ -129,7 +132,7 @@ CommandResponse Mfib::deleteMroute(const sfe::pb::MfibRouteArg& arg) {
   }
   std::shared_ptr<MfibPvSet> entry;  // dropped last
   if (mfib_ != nullptr) {
-    const std::shared_ptr<MfibPvSet>* found = mfib_->find(key);
+    const std::shared_ptr<MfibPvSet>* found = mfib_->find(key, hash);
     if (found == nullptr) {
       return CommandSuccess();
     }
