@@ -97,7 +97,7 @@ size_t bytesOf(const bess::pb::ModuleCommandRequest& request) {
 
 // How many of the commands one message should carry.
 size_t batchSize(Requests requests) {
-  constexpr size_t kCommands = 256;
+  constexpr size_t kCommands = 512;
   constexpr size_t kBytes = 256 << 10;  // more only for a single command
   const size_t most = std::min(kCommands, requests.size());
   size_t bytes = 0;
@@ -209,7 +209,7 @@ void Client::commands(std::span<const bess::pb::ModuleCommandRequest* const> req
 // One thread writes and reads: what is under way is bounded, and its answers are a few bytes each,
 // so that the daemon can always write them and never stops reading.
 void Client::stream(std::span<const bess::pb::ModuleCommandRequest* const> requests, size_t& done) {
-  constexpr size_t kUnderWay = 1024;  // commands
+  constexpr size_t kUnderWay = 2048;  // commands
   grpc::ClientContext context;
   context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
   const auto call = stub_->ModuleCommandBatchStream(&context);
