@@ -1,6 +1,9 @@
 // How fast a control plane programs a daemon's routes over its control socket: in a stream of
 // commands, and one by one. The daemon has an instance `mfib4`, whose routes the benchmark owns.
 //
+// The time is that of sending, running and answering: the messages are there before, as those of
+// `sfectl apply` are when it begins to send.
+//
 //   control_bench [--socket TARGET] [--runs N] [--routes N] [--single N] [--only-add] [--json FILE]
 
 #include <chrono>
