@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "Base/Bindle/Exceptions.h"
+#include "Base/NySlab/NySlab.h"
 #include "SfeModules/MfibTypes.h"
 #include "SfeModules/NyUrcuHt.h"
 
@@ -22,7 +23,7 @@ std::shared_ptr<Entry> lookupOrCreate(NyRcuHt<K, std::shared_ptr<Entry>>& table,
   if (const std::shared_ptr<Entry>* found = table.find(key); found != nullptr) {
     return *found;
   }
-  return *table.findOrInsert(key, std::make_shared<Entry>());
+  return *table.findOrInsert(key, std::allocate_shared<Entry>(NySlab::StdAllocator<Entry>()));
 }
 
 // The same without taking a reference: the entry for counting, revived when it was withdrawn.
@@ -31,7 +32,8 @@ Entry& countingEntry(NyRcuHt<K, std::shared_ptr<Entry>>& table, const K& key) {
   if (const std::shared_ptr<Entry>* found = table.find(key); found != nullptr) {
     return revive(**found);
   }
-  return revive(**table.findOrInsert(key, std::make_shared<Entry>()));
+  return revive(
+      **table.findOrInsert(key, std::allocate_shared<Entry>(NySlab::StdAllocator<Entry>())));
 }
 
 // A record of a shared counter table by key: `get` is the table's look-up. A damaged record goes to

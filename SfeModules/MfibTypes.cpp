@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "Base/NySlab/NySlab.h"
+
 namespace SfeModules {
 
 namespace {
@@ -16,8 +18,8 @@ struct RoomBehind {
   RoomBehind(const RoomBehind<U>& other)
       : bytes(other.bytes) {}  // NOLINT(google-explicit-constructor)
 
-  T* allocate(size_t n) { return static_cast<T*>(::operator new(n * sizeof(T) + bytes)); }
-  void deallocate(T* memory, size_t /*n*/) { ::operator delete(memory); }
+  T* allocate(size_t n) { return static_cast<T*>(NySlab::slabAlloc(n * sizeof(T) + bytes)); }
+  void deallocate(T* memory, size_t n) { NySlab::slabFree(memory, n * sizeof(T) + bytes); }
   friend bool operator==(const RoomBehind&, const RoomBehind&) = default;
 
   size_t bytes;

@@ -1,6 +1,7 @@
 #include "Base/NySlab/NySlab.h"
 
 #include <sanitizer/asan_interface.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
@@ -15,7 +16,9 @@ namespace NySlab {
 namespace {
 
 constexpr size_t kSlabBytes = size_t{64} * 1024;
-constexpr size_t kSlabAlignment = 64;
+
+constexpr size_t kRegionBytes = size_t{2} * 1024 * 1024;  // a large page
+static_assert(kRegionBytes % kSlabBytes == 0);
 
 // Four classes for each doubling: at most a quarter of an object is lost to rounding (16 bytes for
 // small ones).
@@ -95,6 +98,40 @@ class Magazine {
   std::atomic<uint32_t> count_{0};
 };
 
+// Where slabs come from: regions as large as a large page, and aligned like one, so that the
+// objects of a large table cost few misses of address translation where the kernel has large pages
+// to give.
+class Regions {
+ public:
+  // Returns: a slab. Errors: std::bad_alloc.
+  std::byte* takeSlab() {
+    const std::lock_guard lock(mutex_);
+    if (next_ == end_) {
+      regions_.reserve(regions_.size() + 1);
+      next_ = static_cast<std::byte*>(::operator new(kRegionBytes, std::align_val_t(kRegionBytes)));
+      end_ = next_ + kRegionBytes;
+      // A small program has one region, and uses little of it.
+      if (!regions_.empty()) {
+        madvise(next_, kRegionBytes, MADV_HUGEPAGE);
+      }
+      regions_.push_back(next_);
+    }
+    return std::exchange(next_, next_ + kSlabBytes);
+  }
+
+ private:
+  std::mutex mutex_;
+  // All guarded by mutex_.
+  std::byte* next_ = nullptr;
+  std::byte* end_ = nullptr;
+  std::vector<std::byte*> regions_;  // kept, and known to the leak checker
+};
+
+Regions& regions() {
+  static auto& instance = *new Regions;
+  return instance;
+}
+
 // All that no thread's cache holds, of one class.
 class alignas(64) Depot {
  public:
@@ -136,7 +173,7 @@ class alignas(64) Depot {
 
   void addTo(Stats& sum, uint64_t& carved) const {
     const std::lock_guard lock(mutex_);
-    sum.slabBytes += slabs_.size() * kSlabBytes;
+    sum.slabBytes += slabs_ * kSlabBytes;
     sum.depotObjects += fullObjects_ + loose_.count();
     carved += carved_;
   }
@@ -145,10 +182,9 @@ class alignas(64) Depot {
   void carve(Magazine& magazine, size_t cls) {
     const size_t bytes = kClassBytes[cls];
     if (static_cast<size_t>(end_ - next_) < bytes) {
-      slabs_.reserve(slabs_.size() + 1);
-      next_ = static_cast<std::byte*>(::operator new(kSlabBytes, std::align_val_t(kSlabAlignment)));
+      next_ = regions().takeSlab();
       end_ = next_ + kSlabBytes;
-      slabs_.push_back(next_);
+      ++slabs_;
       ASAN_POISON_MEMORY_REGION(next_, kSlabBytes);
     }
     for (; magazine.count() < magazineSize(cls) && static_cast<size_t>(end_ - next_) >= bytes;
@@ -165,7 +201,7 @@ class alignas(64) Depot {
   Magazine loose_;  // what ended threads left in magazines that were not full
   std::byte* next_ = nullptr;
   std::byte* end_ = nullptr;
-  std::vector<std::byte*> slabs_;
+  uint64_t slabs_ = 0;
   uint64_t carved_ = 0;
 };
 
