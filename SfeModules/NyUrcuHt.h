@@ -219,7 +219,7 @@ class NyRcuHt {
 
   // The same in steps, each of which finds in the caches what the one before has fetched: prefetch,
   // then locate, then find. RCU: one read side for all of them.
-  void prefetch(uint32_t hash) const { index_.prefetchSet(hash); }
+  [[gnu::always_inline]] void prefetch(uint32_t hash) const { index_.prefetchSet(hash); }
   const Node* locate(uint32_t hash) const {
     const Node* node = index_.probable(hash);
     __builtin_prefetch(node);

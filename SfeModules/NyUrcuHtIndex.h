@@ -73,7 +73,7 @@ class NyRcuHtIndex {
 
   // The two steps of a look-up that wait for memory, ahead of it: the set is fetched, then asked
   // for the node with the hash, which nearly always is the right one. Returns: null for none.
-  void prefetchSet(uint32_t hash) const {
+  [[gnu::always_inline]] void prefetchSet(uint32_t hash) const {
     if (enabled()) {
       __builtin_prefetch(&setOf(hash));
     }
