@@ -79,8 +79,12 @@ class Packet {
   bool isLinear() const { return mbuf_.nb_segs == 1; }
   // One buffer with data of its own, which nobody else holds: as it is in the pool.
   bool isPlain() const {
-    return rte_mbuf_refcnt_read(&mbuf_) == 1 && RTE_MBUF_DIRECT(&mbuf_) && mbuf_.nb_segs == 1 &&
-           mbuf_.next == nullptr;
+    // The count of holders and that of segments, between data_off and port.
+    constexpr uint64_t kCounts = 0x0000ffffffff0000;
+    constexpr uint64_t kOneEach = 0x0000000100010000;
+    const uint64_t rearm =
+        __atomic_load_n(reinterpret_cast<const uint64_t*>(&mbuf_.rearm_data), __ATOMIC_RELAXED);
+    return (rearm & kCounts) == kOneEach && RTE_MBUF_DIRECT(&mbuf_) && mbuf_.next == nullptr;
   }
   uint16_t headroom() const { return rte_pktmbuf_headroom(&mbuf_); }
   uint16_t tailroom() { return rte_pktmbuf_tailroom(rte_pktmbuf_lastseg(&mbuf_)); }
@@ -99,10 +103,6 @@ class Packet {
   // header lengths. Returns: null when the pool is dry, when the packet has several segments, or
   // when its data does not fit a buffer of the pool.
   static Packet* copy(const Packet* src);
-  // The same `n` times, with the kMetadataSize bytes at `metadata` for their metadata areas.
-  // Returns: how many could be made; the packets are in `copies`.
-  static size_t copy(const Packet* src, const void* metadata, Packet** copies, size_t n);
-
   // A packet that shares the data of `src`, of any number of segments, with metadata of its own
   // that begins as a copy. Nobody writes into shared data. Returns: null when the pool is dry.
   static Packet* clone(Packet* src);
@@ -119,9 +119,7 @@ class Packet {
   static void annotateAlloc(rte_mbuf* mbuf) { SFE_RCU_DEREFERENCE(mbuf); }
 
  private:
-  static void fill(rte_mbuf* to, const Packet* src, const void* metadata);
   static void giveBack(rte_mempool* pool, rte_mbuf** mbufs, size_t n);
-  static void prefetchForCopy(const rte_mbuf* to, const rte_mbuf& from);
 
   rte_mbuf mbuf_;
 };
@@ -130,75 +128,6 @@ struct PacketDeleter {
   void operator()(Packet* pkt) const { Packet::Free(pkt); }
 };
 using PacketPtr = std::unique_ptr<Packet, PacketDeleter>;
-
-// `to` comes from the pool as the pool keeps it: one segment, reference count 1, nothing chained.
-inline void Packet::fill(rte_mbuf* to, const Packet* src, const void* metadata) {
-  constexpr size_t kReceived = offsetof(rte_mbuf, packet_type);  // packet_type .. vlan_tci_outer
-  constexpr size_t kReceivedBytes = offsetof(rte_mbuf, buf_len) - kReceived;
-  constexpr uint16_t kShortCopy = 256;
-  const rte_mbuf& from = src->mbuf_;
-  to->data_off = from.data_off;
-  to->nb_segs = 1;
-  to->port = from.port;
-  to->ol_flags = (to->ol_flags & RTE_MBUF_F_EXTERNAL) |
-                 (from.ol_flags & ~(RTE_MBUF_F_EXTERNAL | RTE_MBUF_F_INDIRECT));
-  memcpy(reinterpret_cast<char*>(to) + kReceived, reinterpret_cast<const char*>(&from) + kReceived,
-         kReceivedBytes);
-  to->pkt_len = from.data_len;
-  to->tx_offload = from.tx_offload;
-  memcpy(Packet::from(to)->metadata<char*>(), metadata, kMetadataSize);
-  if (from.data_len <= kShortCopy) {
-    rte_memcpy(rte_pktmbuf_mtod(to, char*), rte_pktmbuf_mtod(&from, const char*), from.data_len);
-  } else {
-    memcpy(rte_pktmbuf_mtod(to, char*), rte_pktmbuf_mtod(&from, const char*), from.data_len);
-  }
-}
-
-inline void Packet::prefetchForCopy(const rte_mbuf* to, const rte_mbuf& from) {
-  const char* line = reinterpret_cast<const char*>(to);
-  const char* end = line + sizeof(rte_mbuf) + kMetadataSize;
-  for (; line < end; line += RTE_CACHE_LINE_SIZE) {
-    __builtin_prefetch(line, 1);
-  }
-  __builtin_prefetch(end + from.data_off, 1);
-}
-
-inline Packet* Packet::copy(const Packet* src) {
-  Packet* result = nullptr;
-  return copy(src, src->metadata<const char*>(), &result, 1) == 1 ? result : nullptr;
-}
-
-inline size_t Packet::copy(const Packet* src, const void* metadata, Packet** copies, size_t n) {
-  const rte_mbuf& from = src->mbuf_;
-  if (!src->isLinear() || n == 0) {
-    return 0;
-  }
-  auto** mbufs = reinterpret_cast<rte_mbuf**>(copies);
-  if (rte_mempool_get_bulk(from.pool, reinterpret_cast<void**>(mbufs), n) != 0) {
-    // Fewer are left than were asked for.
-    size_t got = 0;
-    while (got < n && rte_mempool_get(from.pool, reinterpret_cast<void**>(mbufs + got)) == 0) {
-      ++got;
-    }
-    n = got;
-  }
-  constexpr size_t kAhead = 3;
-  for (size_t i = 0; i < std::min(n, kAhead); ++i) {
-    prefetchForCopy(mbufs[i], from);
-  }
-  for (size_t i = 0; i < n; ++i) {
-    if (i + kAhead < n) {
-      prefetchForCopy(mbufs[i + kAhead], from);
-    }
-    annotateAlloc(mbufs[i]);
-    if (static_cast<size_t>(from.data_off) + from.data_len > mbufs[i]->buf_len) {
-      Free(copies + i, n - i);
-      return i;
-    }
-    fill(mbufs[i], src, metadata);
-  }
-  return n;
-}
 
 inline Packet* Packet::clone(Packet* src) {
   rte_mbuf* to = rte_pktmbuf_clone(&src->mbuf_, src->mbuf_.pool);
@@ -235,35 +164,36 @@ inline void Packet::giveBack([[maybe_unused]] rte_mempool* pool, rte_mbuf** mbuf
 #endif
 }
 
-// Nearly every packet is plain: those of one pool go back together, and what they are judged by is
-// fetched ahead.
+// Nearly every packet is plain: neighbours of one pool go back together, and what they are judged
+// by is fetched ahead.
 inline void Packet::Free(Packet** pkts, size_t n) {
   constexpr size_t kAhead = 6;
-  constexpr size_t kTogether = PacketBatch::kMaxBurst;
-  rte_mbuf* together[kTogether];
-  size_t count = 0;
+  size_t begin = 0;  // of the plain ones that have not gone back
   rte_mempool* pool = nullptr;
+  const auto giveBackTo = [&](size_t end) {
+    if (begin < end) {
+      giveBack(pool, reinterpret_cast<rte_mbuf**>(pkts + begin), end - begin);
+    }
+    begin = end;
+  };
   for (size_t i = 0; i < n; ++i) {
     if (i + kAhead < n && pkts[i + kAhead] != nullptr) {
       __builtin_prefetch(&pkts[i + kAhead]->mbuf_);
       __builtin_prefetch(&pkts[i + kAhead]->mbuf_.next);
     }
-    if (pkts[i] == nullptr || !pkts[i]->isPlain()) {
+    if (pkts[i] == nullptr || !pkts[i]->isPlain()) [[unlikely]] {
+      giveBackTo(i);
       Free(pkts[i]);
+      begin = i + 1;
       continue;
     }
-    rte_mbuf* mbuf = &pkts[i]->mbuf_;
-    annotateRelease(mbuf);
-    if (count == kTogether || (mbuf->pool != pool && count > 0)) {
-      giveBack(pool, together, count);
-      count = 0;
+    annotateRelease(&pkts[i]->mbuf_);
+    if (pkts[i]->mbuf_.pool != pool) [[unlikely]] {
+      giveBackTo(i);
+      pool = pkts[i]->mbuf_.pool;
     }
-    pool = mbuf->pool;
-    together[count++] = mbuf;
   }
-  if (count > 0) {
-    giveBack(pool, together, count);
-  }
+  giveBackTo(n);
 }
 
 inline void Packet::Free(PacketBatch* batch) {

@@ -25,7 +25,7 @@ class PacketBatch {
   void setCnt(int cnt) { cnt_ = cnt; }
   void incrCnt(int by = 1) { cnt_ += by; }
 
-  bool full() const { return cnt_ >= static_cast<int>(kMaxBurst); }
+  bool full() const { return static_cast<size_t>(cnt_) >= kMaxBurst; }
   bool empty() const { return cnt_ == 0; }
   void clear() { cnt_ = 0; }
 

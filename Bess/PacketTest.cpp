@@ -88,40 +88,6 @@ TEST_F(PacketTest, copiesNothingWhenPoolIsDry) {
   EXPECT_EQ(Packet::clone(pkt.get()), nullptr);
 }
 
-TEST_F(PacketTest, copiesAsOftenAsThePoolCan) {
-  for (const size_t bytes : {1U, 64U, 256U, 257U, 1000U}) {
-    std::string data(bytes, '.');
-    for (size_t i = 0; i < bytes; ++i) {
-      data[i] = static_cast<char>('a' + i % 23);
-    }
-    PacketPtr pkt = make(data);
-    fillMetadata(pkt.get());
-    std::array<Packet*, 20> copies{};
-    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data(), 3), 3U);
-    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 3, 17), 4U)
-        << "8 packets are in the pool";
-    ASSERT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data() + 7, 1), 0U);
-    for (size_t i = 0; i < 7; ++i) {
-      EXPECT_EQ(bytesOf(copies[i]), data);
-      EXPECT_EQ(copies[i]->totalLen(), bytes);
-      EXPECT_TRUE(copies[i]->isLinear());
-      EXPECT_EQ(memcmp(copies[i]->metadata<char*>(), pkt->metadata<char*>(), Packet::kMetadataSize),
-                0);
-    }
-    Packet::Free(copies.data(), 7);
-  }
-  EXPECT_EQ(pool_.inUse(), 0U);
-}
-
-TEST_F(PacketTest, copiesNothingOfAChainOrNoTimes) {
-  PacketPtr chain = makeChain("one", "two");
-  PacketPtr pkt = make("one");
-  std::array<Packet*, 2> copies{};
-  EXPECT_EQ(Packet::copy(chain.get(), chain->metadata<char*>(), copies.data(), 2), 0U);
-  EXPECT_EQ(Packet::copy(pkt.get(), pkt->metadata<char*>(), copies.data(), 0), 0U);
-  EXPECT_EQ(pool_.inUse(), 3U);
-}
-
 TEST_F(PacketTest, clonesChainWithMetadataOfItsOwn) {
   PacketPtr chain = makeChain("one", "two");
   fillMetadata(chain.get());
@@ -188,18 +154,6 @@ TEST_F(PacketTest, freesMoreThanABatchAtOnce) {
   ASSERT_TRUE(large.allocBulk(packets.data(), packets.size()));
   Packet::Free(packets.data(), packets.size());
   EXPECT_EQ(large.inUse(), 0U);
-}
-
-TEST_F(PacketTest, copiesWithOtherMetadata) {
-  PacketPtr pkt = make("data");
-  fillMetadata(pkt.get());
-  std::array<uint8_t, Packet::kMetadataSize> other;
-  other.fill(0xa5);
-  Packet* copy = nullptr;
-  ASSERT_EQ(Packet::copy(pkt.get(), other.data(), &copy, 1), 1U);
-  const PacketPtr owner(copy);
-  EXPECT_EQ(bytesOf(copy), "data");
-  EXPECT_EQ(memcmp(copy->metadata<char*>(), other.data(), other.size()), 0);
 }
 
 TEST(PacketBatchTest, absorbsBehindItsOwn) {

@@ -9,7 +9,8 @@
 // Cost       : outgoing() a few instructions for an interface that was met before in this pass.
 // Invariants :
 //   (1) a count reaches its entry before the pass has ended.
-//   (2) the map has every batch that outgoing packets were appended to.
+//   (2) a pass with a sender sends its batches when it ends; without one, the map has every batch
+//       that outgoing packets were appended to, also before this pass.
 //   (3) a dropped packet is freed when the pass ends, or before when its memory is needed.
 #pragma once
 
@@ -19,6 +20,8 @@
 #include <cstdint>
 
 #include "Bess/Context.h"
+#include "Bess/Module.h"
+#include "Bess/PacketStock.h"
 #include "Bess/Task.h"
 #include "Nynet/IntfId.h"
 #include "Nynet/VlanIntfId.h"
@@ -47,15 +50,15 @@ class ForwardingPass {
   // An outgoing interface and the gate that leads to it.
   struct alignas(64) Outgoing {
     uint64_t intf;
-    uint16_t gate;
-    uint16_t vlanId;           // of the interface, 0 when it has none
+    uint32_t gate;             // a gate_idx_t, or kNoGate
     uint32_t bytes;            // appended in this pass
     bess::PacketBatch* batch;  // null until a packet is appended
-    int before;                // packets in the batch that other passes have appended
     IntfCounterEntry* counters;
+    int before;       // packets in the batch that other passes have appended
+    uint16_t vlanId;  // of the interface, 0 when it has none
 
     bool is(Nynet::IntfId id, uint16_t itsGate) const {
-      return intf == id.value() && gate == itsGate;
+      return ((intf ^ id.value()) | (gate ^ itsGate)) == 0;
     }
   };
 
@@ -64,25 +67,35 @@ class ForwardingPass {
                  OutputBatchMap& map,
                  const IntfSet& multicastIntfs,
                  IntfCounters& intfCounters,
-                 const PacketFates& fates)
+                 const PacketFates& fates,
+                 Module* sender,
+                 size_t packets)
       : ctx_(ctx),
         now_(now),
         map_(map),
+        sender_(sender),
         multicastIntfs_(multicastIntfs),
         intfCounters_(intfCounters),
-        fates_(fates) {}
+        fates_(fates),
+        stock_(packets) {
+    outs_[kNowhere].intf = 0;
+    outs_[kNowhere].gate = kNoGate;
+  }
   ~ForwardingPass() {
     settle(incoming_);
     settle(route_);
-    for (size_t i = 0; i < opened_; ++i) {
+    for (size_t i = kFirst; i < kFirst + opened_; ++i) {
       settle(outs_[i]);
     }
     if (spareUsed_) {
-      settle(outs_[kSlots]);
+      settle(outs_[kSpare]);
     }
     settle(Fate::kForwarded, forwarded_);
     settle(Fate::kCopied, copied_);
     freeDropped();
+    if (sender_ != nullptr) {
+      send();
+    }
   }
   ForwardingPass(const ForwardingPass&) = delete;
   ForwardingPass& operator=(const ForwardingPass&) = delete;
@@ -108,14 +121,15 @@ class ForwardingPass {
     route_.bytes += bytes;
   }
 
+  bess::PacketStock& stock() { return stock_; }
+
   void countForwarded() { ++forwarded_; }
   void countCopied(size_t copies) { copied_ += copies; }
 
   // Returns: the record of (interface, gate), good until the next call.
   Outgoing& outgoing(Nynet::IntfId oif, uint16_t gate) {
-    const size_t place = places_[slotOf(oif, gate)];
-    if (place != 0 && outs_[place - 1].is(oif, gate)) [[likely]] {
-      return outs_[place - 1];
+    if (Outgoing& out = outs_[places_[slotOf(oif, gate)]]; out.is(oif, gate)) [[likely]] {
+      return out;
     }
     return findOrOpen(oif, gate);
   }
@@ -149,6 +163,11 @@ class ForwardingPass {
  private:
   static constexpr size_t kSlots = 128;  // more ways out than that share the spare one
   static constexpr size_t kProbes = 4;
+  // The records: one that is no way out, those of the slots, the spare one.
+  static constexpr size_t kNowhere = 0;
+  static constexpr size_t kFirst = 1;
+  static constexpr size_t kSpare = kFirst + kSlots;
+  static constexpr uint32_t kNoGate = UINT32_MAX;
 
   struct Route {
     MrouteCounterEntry* counters = nullptr;
@@ -173,23 +192,22 @@ class ForwardingPass {
   Outgoing& open(Outgoing& out, Nynet::IntfId oif, uint16_t gate) {
     out = {.intf = oif.value(),
            .gate = gate,
-           .vlanId = Nynet::VlanIntfId::vlanId(oif),
            .bytes = 0,
            .batch = nullptr,
+           .counters = &countingEntry(intfCounters_, oif.value()),
            .before = 0,
-           .counters = &countingEntry(intfCounters_, oif.value())};
+           .vlanId = Nynet::VlanIntfId::vlanId(oif)};
     return out;
   }
 
   [[gnu::noinline]] Outgoing& findOrOpen(Nynet::IntfId oif, uint16_t gate) {
     size_t slot = slotOf(oif, gate);
     for (size_t probe = 0; probe < kProbes; ++probe) {
-      if (places_[slot] == 0) {
-        Outgoing& out = open(outs_[opened_], oif, gate);
-        places_[slot] = static_cast<uint8_t>(++opened_);
-        return out;
+      if (places_[slot] == kNowhere) {
+        places_[slot] = static_cast<uint8_t>(kFirst + opened_++);
+        return open(outs_[places_[slot]], oif, gate);
       }
-      if (Outgoing& out = outs_[places_[slot] - 1]; out.is(oif, gate)) {
+      if (Outgoing& out = outs_[places_[slot]]; out.is(oif, gate)) {
         return out;
       }
       slot = (slot + 1) % kSlots;
@@ -198,7 +216,7 @@ class ForwardingPass {
   }
 
   Outgoing& spare(Nynet::IntfId oif, uint16_t gate) {
-    Outgoing& out = outs_[kSlots];
+    Outgoing& out = outs_[kSpare];
     if (spareUsed_) {
       if (out.is(oif, gate)) {
         return out;
@@ -209,13 +227,29 @@ class ForwardingPass {
     return open(out, oif, gate);
   }
 
+  // The spare record does not remember its batches.
   [[gnu::noinline]] void openBatch(Outgoing& out) {
-    bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, out.gate}];
+    if (sender_ != nullptr && &out != &outs_[kSpare]) {
+      out.batch = ctx_->task->AllocPacketBatch();
+      return;
+    }
+    bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, static_cast<uint16_t>(out.gate)}];
     if (batch == nullptr) {
       batch = ctx_->task->AllocPacketBatch();
     }
     out.batch = batch;
     out.before = batch->cnt();
+  }
+
+  void send() {
+    for (size_t i = kFirst; i < kFirst + opened_; ++i) {
+      if (outs_[i].batch != nullptr) {
+        sender_->RunChooseModule(ctx_, static_cast<gate_idx_t>(outs_[i].gate), outs_[i].batch);
+      }
+    }
+    for (const auto& [way, batch] : map_) {
+      sender_->RunChooseModule(ctx_, way.gate, batch);
+    }
   }
 
   // An entry that was withdrawn since it was found counts again, like one that is found later.
@@ -250,10 +284,12 @@ class ForwardingPass {
   Context* const ctx_;
   const TimePoint now_;
   OutputBatchMap& map_;
+  Module* const sender_;
   const IntfSet& multicastIntfs_;
   IntfCounters& intfCounters_;
   const PacketFates& fates_;
 
+  bess::PacketStock stock_;
   Incoming incoming_;
   Route route_;
   bess::PacketBatch* deadBatch_ = nullptr;
@@ -261,8 +297,8 @@ class ForwardingPass {
   uint64_t copied_ = 0;
   size_t opened_ = 0;
   bool spareUsed_ = false;
-  std::array<uint8_t, kSlots> places_{};   // by slot: 1 + the index in outs_, 0 when it is free
-  std::array<Outgoing, kSlots + 1> outs_;  // the opened ones, then unused ones, last the spare one
+  std::array<uint8_t, kSlots> places_{};   // by slot: the index in outs_, kNowhere when it is free
+  std::array<Outgoing, kSpare + 1> outs_;  // of the slots' records, opened_ are in use
 };
 
 }  // namespace SfeModules

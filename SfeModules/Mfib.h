@@ -245,6 +245,10 @@ class Mfib : public Module {
                                            const MfibPvSet& entry,
                                            uint8_t gateSelect);
   [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
+  static size_t makeCopies(PacketWork& work,
+                           const ForwardingMetadata& metadata,
+                           bess::Packet** copies,
+                           size_t wanted);
   ForwardingMetadata metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const;
   [[gnu::noinline]] void drop(PacketWork& work, Fate reason);
   [[gnu::always_inline]] static bool finish(PacketWork& work);

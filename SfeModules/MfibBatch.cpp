@@ -13,7 +13,7 @@ bool Mfib::ProcessPacket(Context* ctx,
                          bool reinjected,
                          OutputBatchMap& map,
                          TimePoint now) {
-  ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_, fates_);
+  ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_, fates_, nullptr, 1);
   BatchWork room;
   PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
@@ -27,40 +27,38 @@ bool Mfib::ProcessPacket(Context* ctx,
 // while the others are looked at.
 void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   OutputBatchMap map(1);
-  {
-    ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_);
-    BatchWork room;
-    PacketWork* const begin = room.packets();
-    PacketWork* const end = begin + batch->cnt();
-    for (bess::Packet* pkt : *batch) {
-      __builtin_prefetch(pkt->metadata<char*>());
-      __builtin_prefetch(pkt->headData());
-    }
-    PacketWork* work = begin;
-    PacketWork* previous = nullptr;
-    for (bess::Packet* pkt : *batch) {
-      hash(arrive(work, pkt, false, pass), previous);
-      previous = work++;
-    }
-    for (work = begin; work != end; ++work) {
-      locate(*work);
-    }
-    for (work = begin, previous = nullptr; work != end; previous = work++) {
-      lookUp(*work, previous);
-    }
-    const uint64_t departures = mrouteCounterTable_->departures();
-    bool recalled = true;
-    for (work = begin, previous = nullptr; work != end; previous = work++) {
-      recalled &= recallCounters(*work, previous, departures);
-    }
-    if (!recalled) {
-      findCounters(begin, end);
-    }
-    for (work = begin; work != end; ++work) {
-      decide(*work);
-    }
+  ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_,
+                      this, static_cast<size_t>(batch->cnt()));
+  BatchWork room;
+  PacketWork* const begin = room.packets();
+  PacketWork* const end = begin + batch->cnt();
+  for (bess::Packet* pkt : *batch) {
+    __builtin_prefetch(pkt->metadata<char*>());
+    __builtin_prefetch(pkt->headData());
   }
-  flush(ctx, map);
+  PacketWork* work = begin;
+  PacketWork* previous = nullptr;
+  for (bess::Packet* pkt : *batch) {
+    hash(arrive(work, pkt, false, pass), previous);
+    previous = work++;
+  }
+  for (work = begin; work != end; ++work) {
+    locate(*work);
+  }
+  for (work = begin, previous = nullptr; work != end; previous = work++) {
+    lookUp(*work, previous);
+  }
+  const uint64_t departures = mrouteCounterTable_->departures();
+  bool recalled = true;
+  for (work = begin, previous = nullptr; work != end; previous = work++) {
+    recalled &= recallCounters(*work, previous, departures);
+  }
+  if (!recalled) {
+    findCounters(begin, end);
+  }
+  for (work = begin; work != end; ++work) {
+    decide(*work);
+  }
 }
 
 // `room`: for a PacketWork.

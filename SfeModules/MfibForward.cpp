@@ -58,12 +58,13 @@ void copyOut(bess::Packet* pkt, size_t offset, uint8_t* to, size_t length) {
 }
 
 // Copies of a packet with `metadata`. Returns: how many.
-size_t copiesOf(bess::Packet* pkt,
+size_t copiesOf(ForwardingPass& pass,
+                bess::Packet* pkt,
                 const ForwardingMetadata& metadata,
                 bess::Packet** copies,
                 size_t n) {
   if (pkt->isLinear()) {
-    return bess::Packet::copy(pkt, &metadata, copies, n);
+    return pass.stock().copy(pkt, &metadata, copies, n);
   }
   copies[0] = bess::Packet::clone(pkt);
   if (copies[0] == nullptr) {
@@ -383,24 +384,23 @@ ForwardingMetadata Mfib::metadataOfCopies(const PacketWork& work, uint8_t gateSe
 void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
   const ForwardingMetadata common = metadataOfCopies(work, gateSelect);
   std::array<bess::Packet*, bess::PacketBatch::kMaxBurst> copies;
+  ForwardingPass& pass = *work.pass;
+  const Nynet::IntfId* const oifs = entry.oifs;
+  const uint32_t* const gates = entry.oifGates;
+  const uint32_t numOifs = entry.numOifs;
   size_t made = 0;
   size_t sent = 0;
-  for (uint32_t i = 1; i < entry.numOifs; ++i) {
-    const auto gate = static_cast<uint16_t>(entry.oifGates[i]);
-    ForwardingPass::Outgoing& out = work.pass->outgoing(entry.oifs[i], gate);
+  for (uint32_t i = 1; i < numOifs; ++i) {
+    const auto gate = static_cast<uint16_t>(gates[i]);
+    ForwardingPass::Outgoing& out = pass.outgoing(oifs[i], gate);
     if (!permitsGate(gateSelect, gate)) {
       continue;
     }
     if (sent == made) {
       // With a gate selection nobody knows how many more are wanted.
-      const size_t wanted = gateSelect != 0 ? 1 : entry.numOifs - i;
+      const size_t wanted = gateSelect != 0 ? 1 : numOifs - i;
       sent = 0;
-      const size_t room = std::min(wanted, copies.size());
-      made = copiesOf(work.pkt, common, copies.data(), room);
-      if (made == 0 && !work.dropped && work.pass->freeDropped()) {
-        made = copiesOf(work.pkt, common, copies.data(), room);
-      }
-      work.pass->countCopied(made);
+      made = makeCopies(work, common, copies.data(), std::min(wanted, copies.size()));
     }
     if (sent == made) {
       fates_.count(work.ctx()->wid, Fate::kCopyFailed);
@@ -409,8 +409,22 @@ void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSele
     bess::Packet* copy = copies[sent++];
     metadataOf(copy).vlanId = out.vlanId;
     metadataOf(copy).outIntf = out.intf;
-    work.pass->append(out, copy);
+    pass.append(out, copy);
   }
+}
+
+// Returns: how many of the `wanted` copies could be made.
+size_t Mfib::makeCopies(PacketWork& work,
+                        const ForwardingMetadata& metadata,
+                        bess::Packet** copies,
+                        size_t wanted) {
+  size_t made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
+  // What was dropped in this pass is memory too, the packet itself excepted.
+  if (made == 0 && !work.dropped && work.pass->freeDropped()) {
+    made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
+  }
+  work.pass->countCopied(made);
+  return made;
 }
 
 inline void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {
