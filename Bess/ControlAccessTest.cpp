@@ -133,7 +133,6 @@ TEST_F(ControlAccessTest, takesBothSocketsAway) {
   EXPECT_EQ(found.st_mode, mode_t{S_IFSOCK | S_IRUSR | S_IWUSR});
   server_.reset();
   EXPECT_TRUE(std::filesystem::is_empty(directory_.file("run")));
-  server_ = std::make_unique<ControlServer>(service_.get(), options_);
 }
 
 TEST(LogLimit, letsAFewLinesThroughEachSecondAndCountsTheRest) {
@@ -281,7 +280,8 @@ TEST_F(ControlTlsTest, takesReplacedFilesForNewConnectionsAndKeepsTheOldOnes) {
                  .key = certificates_.key("changing"),
                  .ca = certificates_.cert("changing-clients"),
                  .refreshSeconds = 1};
-  const ControlServer server(tlsService_.get(), options);
+  ControlService service(control_, {});
+  const ControlServer server(&service, options);
   const auto before = asOn(server, "admin", "ca");
   ASSERT_EQ(codeOf(before, "GetVersion"), grpc::StatusCode::OK);
   ASSERT_EQ(codeOf(asOn(server, "stranger", "other"), "GetVersion"), grpc::StatusCode::UNAVAILABLE);

@@ -106,12 +106,14 @@ void ControlServer::start(ControlService* service, const ControlServerOptions& o
         &tcpPort_);
   }
   builder.RegisterService(service);
+  commands_ = std::make_unique<ControlCommands>(*service, builder);
   builder.RegisterService(&health_);
   server_ = builder.BuildAndStart();
   if (server_ == nullptr) {
     throw ControlSocketError(!tcp.empty() && tcpPort_ == 0 ? tcpFailure(options, tcp)
                                                            : "cannot listen on " + socket_.path());
   }
+  commands_->start();
 }
 
 void ControlServer::startReaders(ControlService* service) {
@@ -121,11 +123,13 @@ void ControlServer::startReaders(ControlService* service) {
                            grpc::InsecureServerCredentials());
   readers_->service = service->readOnly();
   builder.RegisterService(readers_->service.get());
+  readers_->commands = std::make_unique<ControlCommands>(*readers_->service, builder);
   builder.RegisterService(&readers_->health);
   readers_->server = builder.BuildAndStart();
   if (readers_->server == nullptr) {
     throw ControlSocketError("cannot listen on " + readers_->socket.path());
   }
+  readers_->commands->start();
   readers_->socket.publish();
   readers_->health.setServing(true);
 }

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 
+#include "Bess/ControlCommands.h"
 #include "Bess/ControlHealth.h"
 #include "Bess/ControlService.h"
 #include "Bess/ControlSocket.h"
@@ -40,6 +41,7 @@ class ControlServer {
   static constexpr int kMaxThreads = 32;
   static constexpr int kHandshakeSeconds = 10;
 
+  // Requires: no other server has had the service.
   ControlServer(ControlService* service, const ControlServerOptions& options);
   // Lets the calls under way end, for at most two seconds, and takes the sockets away.
   ~ControlServer();
@@ -57,6 +59,7 @@ class ControlServer {
     ControlSocket socket;
     std::unique_ptr<ControlService> service;
     ControlHealth health;
+    std::unique_ptr<ControlCommands> commands;
     std::unique_ptr<grpc::Server> server;
   };
   void start(ControlService* service, const ControlServerOptions& options);
@@ -65,6 +68,7 @@ class ControlServer {
   ControlSocket socket_;
   std::optional<Readers> readers_;
   ControlHealth health_;
+  std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<grpc::Server> server_;
   int tcpPort_ = 0;
 };

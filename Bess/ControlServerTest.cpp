@@ -159,7 +159,6 @@ TEST_F(ControlServerTest, listensOnTheLoopbackWhenAsked) {
 TEST_F(ControlServerTest, leavesNoSocketBehind) {
   server_.reset();
   EXPECT_TRUE(std::filesystem::is_empty(directory_.file("run")));
-  server_ = std::make_unique<ControlServer>(service_.get(), options_);
 }
 
 }  // namespace

@@ -69,12 +69,16 @@ std::string ControlService::pluginPath(const std::string& name) const {
                                                        : name;
 }
 
+grpc::Status ControlService::stopping() {
+  return {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};
+}
+
 grpc::Status ControlService::onControlThread(const std::function<void()>& work) {
   try {
     control_.callHere(work);
     return grpc::Status::OK;
   } catch (const std::exception&) {
-    return {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};
+    return stopping();
   }
 }
 

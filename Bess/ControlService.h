@@ -16,6 +16,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,8 @@ struct ControlExtensions {
   std::vector<State> states;                                    // of the program itself
 };
 
-class ControlService final : public pb::BESSControl::Service {
+class ControlService final
+    : public pb::BESSControl::WithAsyncMethod_ModuleCommand<pb::BESSControl::Service> {
  public:
   ControlService(ControlThread& control, ControlExtensions extensions);
 
@@ -76,7 +78,6 @@ class ControlService final : public pb::BESSControl::Service {
   BESS_CONTROL_RPC(DestroyModule, NameRequest, EmptyResponse)
   BESS_CONTROL_RPC(ListModules, EmptyRequest, ListModulesResponse)
   BESS_CONTROL_RPC(GetModule, NameRequest, ModuleResponse)
-  BESS_CONTROL_RPC(ModuleCommand, ModuleCommandRequest, CommandResponse)
   BESS_CONTROL_RPC(ConnectModules, ConnectRequest, EmptyResponse)
   BESS_CONTROL_RPC(DisconnectModules, DisconnectRequest, EmptyResponse)
   BESS_CONTROL_RPC(ListConnections, EmptyRequest, ListConnectionsResponse)
@@ -97,6 +98,14 @@ class ControlService final : public pb::BESSControl::Service {
   BESS_CONTROL_RPC(ListStates, NameRequest, ListStatesResponse)
 #undef BESS_CONTROL_RPC
 
+  // The call ModuleCommand, which a queue takes (ControlCommands): runs the command here while the
+  // control thread has nothing to do, else there, and `ran` behind it; the arguments live until
+  // then. Returns: the call's status; nothing while the control thread has the command.
+  std::optional<grpc::Status> runCommand(const grpc::ServerContext& context,
+                                         const pb::ModuleCommandRequest& request,
+                                         pb::CommandResponse* response,
+                                         std::function<void()> ran);
+
   // Each holds one of the server's threads for as long as its client likes, so there may be
   // kMaxStreams of them at a time; a further one has status RESOURCE_EXHAUSTED.
   grpc::Status GetState(grpc::ServerContext* context,
@@ -113,18 +122,22 @@ class ControlService final : public pb::BESSControl::Service {
  private:
   ControlService(const ControlService& everything, ControlAccess::Scope scope);
 
-  // Runs a handler on the control thread; what it throws becomes the answer's error.
+  // Runs a handler; what it throws becomes the answer's error.
+  template <class Request, class Response>
+  void handle(Handler<Request, Response> handler, const Request& request, Response* response) {
+    try {
+      (this->*handler)(request, response);
+    } catch (...) {
+      response->Clear();
+      *response->mutable_error() = currentError();
+    }
+  }
+  // The same on the control thread.
   template <class Request, class Response>
   grpc::Status run(Handler<Request, Response> handler, const Request& request, Response* response) {
-    return onControlThread([&] {
-      try {
-        (this->*handler)(request, response);
-      } catch (...) {
-        response->Clear();
-        *response->mutable_error() = currentError();
-      }
-    });
+    return onControlThread([&] { handle(handler, request, response); });
   }
+  static grpc::Status stopping();
   grpc::Status onControlThread(const std::function<void()>& work);
   static pb::Error currentError();  // of the exception being handled
   // A stream whose messages carry commands in the given form, from its beginning to its end.

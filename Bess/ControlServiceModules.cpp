@@ -1,7 +1,10 @@
 // The control service's requests about module classes, modules, connections and hooks.
 #include <cerrno>
+#include <functional>
+#include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "Bess/ControlInfo.h"
 #include "Bess/ControlService.h"
@@ -81,6 +84,30 @@ void ControlService::handleGetModule(const pb::NameRequest& request, pb::ModuleR
 void ControlService::handleModuleCommand(const pb::ModuleCommandRequest& request,
                                          pb::CommandResponse* response) {
   *response = ModuleGraph::runCommand(request.module(), request.command(), request.arg());
+}
+
+std::optional<grpc::Status> ControlService::runCommand(const grpc::ServerContext& context,
+                                                       const pb::ModuleCommandRequest& request,
+                                                       pb::CommandResponse* response,
+                                                       std::function<void()> ran) {
+  if (grpc::Status allowed = access_.check(context, "ModuleCommand"); !allowed.ok()) {
+    return allowed;
+  }
+  const auto run = [this, &request, response] {
+    handle(&ControlService::handleModuleCommand, request, response);
+  };
+  if (control_.tryCallHere(run)) {
+    return grpc::Status::OK;
+  }
+  try {
+    control_.post([run, ran = std::move(ran)] {
+      run();
+      ran();
+    });
+    return std::nullopt;
+  } catch (const std::exception&) {
+    return stopping();
+  }
 }
 
 void ControlService::handleConnectModules(const pb::ConnectRequest& request,

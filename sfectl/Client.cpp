@@ -13,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "Base/AwakeWait.h"
 #include "sfectl/Errors.h"
 #include "sfectl/Report.h"
 
@@ -136,8 +137,15 @@ class LentBatch {
 
 }  // namespace
 
+// Commands that follow one another fast are waited for awake.
+struct Client::CommandQueue {
+  grpc::CompletionQueue events;
+  AwakeWait<> wait;
+};
+
 Client::Client(const std::string& target, const ClientTls& tls)
-    : target_(target.starts_with('/') ? "unix:" + target : target) {
+    : target_(target.starts_with('/') ? "unix:" + target : target),
+      queue_(std::make_unique<CommandQueue>()) {
   // The packaged library looks for cycles at each of the transport's locks: a tenth of a call.
   absl::SetMutexDeadlockDetectionMode(absl::OnDeadlockCycle::kIgnore);
   grpc::ChannelArguments arguments;
@@ -149,6 +157,8 @@ Client::Client(const std::string& target, const ClientTls& tls)
   stub_ = bess::pb::BESSControl::NewStub(
       grpc::CreateCustomChannel(target_, credentials(target_, tls), arguments));
 }
+
+Client::~Client() = default;
 
 void Client::check(const grpc::Status& status) const {
   if (status.ok()) {
@@ -186,7 +196,23 @@ bess::pb::CommandResponse Client::command(const std::string& module,
   request.set_module(module);
   request.set_command(name);
   *request.mutable_arg() = arg;
-  return call(&Stub::ModuleCommand, request);
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kCallTimeout);
+  const auto call = stub_->AsyncModuleCommand(&context, request, &queue_->events);
+  bess::pb::CommandResponse response;
+  grpc::Status status;
+  call->Finish(&response, &status, this);
+  void* tag = nullptr;
+  bool ok = false;
+  queue_->wait.wait(
+      [&] {
+        return queue_->events.AsyncNext(&tag, &ok, gpr_time_0(GPR_CLOCK_MONOTONIC)) ==
+               grpc::CompletionQueue::GOT_EVENT;
+      },
+      [&] { queue_->events.Next(&tag, &ok); });  // the deadline is an event, too
+  check(status);
+  check(response.error());
+  return response;
 }
 
 bess::pb::CommandResponse Client::command(const std::string& module,

@@ -37,6 +37,7 @@ class Client {
   // Errors: UsageError when one of the files is missing from `tls`, RuntimeError when one cannot be
   // read.
   explicit Client(const std::string& target, const ClientTls& tls = {});
+  ~Client();
 
   // One call: call(&Stub::ListPorts, request).
   template <class Request, class Response>
@@ -84,6 +85,8 @@ class Client {
 
   std::string target_;
   std::unique_ptr<Stub> stub_;
+  struct CommandQueue;  // of single commands
+  std::unique_ptr<CommandQueue> queue_;
 };
 
 }  // namespace Sfectl

@@ -1,0 +1,74 @@
+// Waits for events: for those that come one soon after another awake, which saves the wake-up, for
+// others asleep.
+//
+// A wait is awake for at most kAwake. kEnough waits that ended within kSoon each begin a time of
+// waiting awake. It ends with a wait that takes longer, or once kTries waits more were awake in
+// vain than not. Two that send each other events begin together: each finds the other quick only
+// when that one waits awake, too. Nobody waits awake on the only processor.
+//
+// Threads    : one at a time.
+#pragma once
+
+#include <sched.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+template <class Clock = std::chrono::steady_clock>
+class AwakeWait {
+ public:
+  static constexpr std::chrono::microseconds kAwake{100};
+  static constexpr std::chrono::microseconds kSoon{1000};
+  static constexpr int kEnough = 32;
+  static constexpr int kTries = 8;
+
+  explicit AwakeWait(unsigned processors = std::thread::hardware_concurrency())
+      : possible_(processors > 1) {}
+
+  // `look` looks once for the event, without waiting, and says whether it is there; `sleep` waits
+  // for it.
+  template <class Look, class Sleep>
+  void wait(Look look, Sleep sleep) {
+    if (look()) {
+      return;  // says nothing about the next one
+    }
+    const auto start = Clock::now();
+    if (tries_ > 0) {
+      if (lookUntil(look, start + kAwake)) {
+        tries_ = std::min(tries_ + 1, kTries);
+        return;
+      }
+      --tries_;
+    }
+    sleep();
+    learn(Clock::now() - start <= kSoon);
+  }
+
+ private:
+  template <class Look>
+  static bool lookUntil(Look& look, typename Clock::time_point end) {
+    do {
+      sched_yield();  // to whoever else wants this processor
+      if (look()) {
+        return true;
+      }
+    } while (Clock::now() < end);
+    return false;
+  }
+
+  // From a wait that was asleep.
+  void learn(bool soon) {
+    if (!soon) {
+      soon_ = 0;
+      tries_ = 0;
+    } else if (tries_ == 0 && possible_ && ++soon_ >= kEnough) {
+      soon_ = 0;
+      tries_ = kTries;
+    }
+  }
+
+  const bool possible_;
+  int soon_ = 0;   // waits that ended soon, since the last time of waiting awake
+  int tries_ = 0;  // how many waits may be awake in vain now; 0: none is awake
+};
