@@ -90,9 +90,7 @@ ControlCommands::ControlCommands(ControlService& service, grpc::ServerBuilder& b
 }
 
 ControlCommands::~ControlCommands() {
-  if (thread_.joinable()) {
-    thread_.join();
-  }
+  finish();
   queue_->Shutdown();
   void* tag = nullptr;
   bool ok = false;
@@ -102,6 +100,12 @@ ControlCommands::~ControlCommands() {
 
 void ControlCommands::start() {
   thread_ = std::thread([this] { serve(); });
+}
+
+void ControlCommands::finish() {
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
 void ControlCommands::serve() {

@@ -7,8 +7,8 @@
 // server's threads look in its place; further commands wait, as for the control thread.
 //
 // Threads    : construct, start and destroy on one thread.
-// Ownership  : refers to the service. Its queue belongs to the server that the builder makes, which
-//              is shut down before this is destroyed.
+// Ownership  : refers to the service and to the server that the builder makes. The server is shut
+//              down before finish(), and destroyed behind it: events that wait refer to it.
 // Errors     : as of the service; a call beyond kMaxCalls has status RESOURCE_EXHAUSTED. The
 //              transport itself ends calls whose request cannot be read.
 // Invariants :
@@ -34,13 +34,14 @@ class ControlCommands {
   static constexpr size_t kMaxCalls = 32;
 
   ControlCommands(ControlService& service, grpc::ServerBuilder& builder);
-  // Waits for the calls under way to end.
   ~ControlCommands();
   ControlCommands(const ControlCommands&) = delete;
   ControlCommands& operator=(const ControlCommands&) = delete;
 
   // Once the server has started.
   void start();
+  // Waits for the calls under way to end. Requires: the server is shut down.
+  void finish();
 
  private:
   class Call;

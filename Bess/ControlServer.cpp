@@ -83,11 +83,16 @@ ControlServer::ControlServer(ControlService* service, const ControlServerOptions
   if (!options.readSocket.empty()) {
     readers_.emplace(options);
   }
-  start(service, options);
-  socket_.publish();
-  health_.setServing(true);
-  if (readers_) {
-    startReaders(service);
+  try {
+    start(service, options);
+    socket_.publish();
+    health_.setServing(true);
+    if (readers_) {
+      startReaders(service);
+    }
+  } catch (...) {
+    stop();
+    throw;
   }
 }
 
@@ -135,18 +140,24 @@ void ControlServer::startReaders(ControlService* service) {
 }
 
 ControlServer::~ControlServer() {
+  stop();
+}
+
+void ControlServer::stop() {
   const auto deadline = std::chrono::system_clock::now() + kStopPatience;
-  const auto stop = [deadline](ControlHealth& health, grpc::Server* server) {
+  const auto stopOne = [deadline](ControlHealth& health, grpc::Server* server,
+                                  const std::unique_ptr<ControlCommands>& commands) {
     health.stop();
     if (server != nullptr) {
       server->Shutdown(deadline);
       server->Wait();
+      commands->finish();
     }
   };
   if (readers_) {
-    stop(readers_->health, readers_->server.get());
+    stopOne(readers_->health, readers_->server.get(), readers_->commands);
   }
-  stop(health_, server_.get());
+  stopOne(health_, server_.get(), commands_);
 }
 
 }  // namespace bess

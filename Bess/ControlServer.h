@@ -64,6 +64,7 @@ class ControlServer {
   };
   void start(ControlService* service, const ControlServerOptions& options);
   void startReaders(ControlService* service);
+  void stop();
 
   ControlSocket socket_;
   std::optional<Readers> readers_;
