@@ -1,10 +1,11 @@
 // Waits for events: for those that come one soon after another awake, which saves the wake-up, for
 // others asleep.
 //
-// A wait is awake for at most kAwake. kEnough waits that ended within kSoon each begin a time of
-// waiting awake. It ends with a wait that takes longer, or once kTries waits more were awake in
-// vain than not. Two that send each other events begin together: each finds the other quick only
-// when that one waits awake, too. Nobody waits awake on the only processor.
+// A wait is awake for at most kAwake. kEnough waits in a row that ended within kSoon each begin a
+// time of waiting awake; it ends once kTries waits more were awake in vain than not. Two that send
+// each other events begin together: each finds the other quick only when that one waits awake, too.
+// One late event does not end it: the processor may have been with somebody else. Nobody waits
+// awake on the only processor.
 //
 // Threads    : one at a time.
 #pragma once
@@ -59,16 +60,14 @@ class AwakeWait {
 
   // From a wait that was asleep.
   void learn(bool soon) {
-    if (!soon) {
+    soon_ = soon && tries_ == 0 ? soon_ + 1 : 0;
+    if (soon_ == kEnough) {
       soon_ = 0;
-      tries_ = 0;
-    } else if (tries_ == 0 && possible_ && ++soon_ >= kEnough) {
-      soon_ = 0;
-      tries_ = kTries;
+      tries_ = possible_ ? kTries : 0;
     }
   }
 
   const bool possible_;
-  int soon_ = 0;   // waits that ended soon, since the last time of waiting awake
+  int soon_ = 0;   // waits in a row that ended soon, asleep
   int tries_ = 0;  // how many waits may be awake in vain now; 0: none is awake
 };

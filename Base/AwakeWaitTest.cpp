@@ -69,9 +69,19 @@ TEST_F(AwakeWaitTest, sleepsWhenAnEventTakesLong) {
   EXPECT_TRUE(slept_);
   EXPECT_LE(microseconds(looks_), Wait::kAwake + microseconds(2));
   EXPECT_EQ(TestClock::now() - start, Wait::kSoon * 5);
-  // That is forgotten at once: the next ones have to earn it anew.
-  waitFor(microseconds(50));
+}
+
+TEST_F(AwakeWaitTest, isNotAwakeAnyMoreWhenEventsAreRareAgain) {
+  waitFor(microseconds(50), 2 * Wait::kEnough);
+  waitFor(Wait::kSoon * 5, Wait::kTries);
+  EXPECT_GT(looks_, 1);
+  waitFor(Wait::kSoon * 5);
+  EXPECT_EQ(looks_, 1);
+  // They have to come soon for a while, again.
+  waitFor(microseconds(50), Wait::kEnough);
   EXPECT_TRUE(slept_);
+  waitFor(microseconds(50));
+  EXPECT_FALSE(slept_);
 }
 
 TEST_F(AwakeWaitTest, isNeverAwakeForEventsThatAreRare) {
@@ -95,7 +105,7 @@ TEST_F(AwakeWaitTest, isRarelyAwakeInVain) {
 
 TEST_F(AwakeWaitTest, forgivesAnEventThatIsLateOnce) {
   waitFor(microseconds(50), 2 * Wait::kEnough);
-  waitFor(Wait::kAwake * 2);
+  waitFor(Wait::kSoon * 20);
   EXPECT_TRUE(slept_);
   waitFor(microseconds(50));
   EXPECT_FALSE(slept_);
