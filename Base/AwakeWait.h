@@ -24,8 +24,7 @@ class AwakeWait {
   static constexpr int kEnough = 32;
   static constexpr int kTries = 8;
 
-  explicit AwakeWait(unsigned processors = std::thread::hardware_concurrency())
-      : possible_(processors > 1) {}
+  explicit AwakeWait(unsigned processors = usableProcessors()) : possible_(processors > 1) {}
 
   // `look` looks once for the event, without waiting, and says whether it is there; `sleep` waits
   // for it.
@@ -47,6 +46,13 @@ class AwakeWait {
   }
 
  private:
+  // Those that this process may run on.
+  static unsigned usableProcessors() {
+    cpu_set_t usable;
+    return sched_getaffinity(0, sizeof(usable), &usable) == 0
+               ? static_cast<unsigned>(CPU_COUNT(&usable))
+               : std::thread::hardware_concurrency();
+  }
   template <class Look>
   static bool lookUntil(Look& look, typename Clock::time_point end) {
     do {

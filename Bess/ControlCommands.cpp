@@ -91,11 +91,6 @@ ControlCommands::ControlCommands(ControlService& service, grpc::ServerBuilder& b
 
 ControlCommands::~ControlCommands() {
   finish();
-  queue_->Shutdown();
-  void* tag = nullptr;
-  bool ok = false;
-  while (queue_->Next(&tag, &ok)) {
-  }
 }
 
 void ControlCommands::start() {
@@ -105,6 +100,14 @@ void ControlCommands::start() {
 void ControlCommands::finish() {
   if (thread_.joinable()) {
     thread_.join();
+  }
+  if (!drained_) {
+    drained_ = true;
+    queue_->Shutdown();
+    void* tag = nullptr;
+    bool ok = false;
+    while (queue_->Next(&tag, &ok)) {
+    }
   }
 }
 

@@ -8,13 +8,15 @@
 //
 // Threads    : construct, start and destroy on one thread.
 // Ownership  : refers to the service and to the server that the builder makes. The server is shut
-//              down before finish(), and destroyed behind it: events that wait refer to it.
+//              down before finish(), and destroyed after it: events that wait refer to it.
 // Errors     : as of the service; a call beyond kMaxCalls has status RESOURCE_EXHAUSTED. The
 //              transport itself ends calls whose request cannot be read.
 // Invariants :
 //   (1) the thread never waits for the control thread: what it may not run itself it hands over.
-//   (2) there are at most kMaxCalls calls whose command has not run, and as many whose client has
-//       not read the answer; the oldest of these is ended to make room.
+//   (2) of the calls that were taken, the commands of at most kMaxCalls have not run, and the
+//       clients of as many have not read the answer; the oldest of these is ended to make room.
+//       Calls that come while a command runs here wait in the transport, a bounded number for each
+//       connection.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -40,7 +42,8 @@ class ControlCommands {
 
   // Once the server has started.
   void start();
-  // Waits for the calls under way to end. Requires: the server is shut down.
+  // Waits for the calls under way to end, and takes their last events. Requires: the server is shut
+  // down, and not destroyed.
   void finish();
 
  private:
@@ -57,6 +60,7 @@ class ControlCommands {
   ControlService& service_;
   const std::unique_ptr<grpc::ServerCompletionQueue> queue_;
   std::thread thread_;
+  bool drained_ = false;
 
   // The queue's thread.
   std::vector<std::unique_ptr<Call>> calls_;

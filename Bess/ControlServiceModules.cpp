@@ -93,8 +93,13 @@ std::optional<grpc::Status> ControlService::runCommand(const grpc::ServerContext
   if (grpc::Status allowed = access_.check(context, "ModuleCommand"); !allowed.ok()) {
     return allowed;
   }
+  // Whatever happens, the call has to end: an answer that finds no memory stays empty.
   const auto run = [this, &request, response] {
-    handle(&ControlService::handleModuleCommand, request, response);
+    try {
+      handle(&ControlService::handleModuleCommand, request, response);
+    } catch (const std::exception&) {
+      response->Clear();
+    }
   };
   if (control_.tryCallHere(run)) {
     return grpc::Status::OK;

@@ -4,7 +4,7 @@
 // Ownership  : passed on, freed or counted as dropped, never two of these. PacketPtr is for code
 //              that is not on the packet path.
 // Units      : lengths are bytes; the first segment is the head.
-// Cost       : everything here is inline; copy() is one allocation and one pass over the data.
+// Cost       : all but copy() is inline. Many copies are made by a PacketStock.
 // Invariants :
 //   (1) the buffer comes from a pool whose private area has kMetadataSize bytes (PacketPool).
 //   (2) the first 8 bytes of the metadata area, its presence word, are zero in a fresh packet; the
@@ -13,9 +13,8 @@
 #pragma once
 
 #include <rte_mbuf.h>
-#include <rte_memcpy.h>
 
-#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -80,6 +79,10 @@ class Packet {
   // One buffer with data of its own, which nobody else holds: as it is in the pool.
   bool isPlain() const {
     // The count of holders and that of segments, between data_off and port.
+    static_assert(std::endian::native == std::endian::little);
+    static_assert(offsetof(rte_mbuf, refcnt) == offsetof(rte_mbuf, rearm_data) + 2 &&
+                  offsetof(rte_mbuf, nb_segs) == offsetof(rte_mbuf, rearm_data) + 4 &&
+                  offsetof(rte_mbuf, port) == offsetof(rte_mbuf, rearm_data) + 6);
     constexpr uint64_t kCounts = 0x0000ffffffff0000;
     constexpr uint64_t kOneEach = 0x0000000100010000;
     const uint64_t rearm =
@@ -119,6 +122,8 @@ class Packet {
   static void annotateAlloc(rte_mbuf* mbuf) { SFE_RCU_DEREFERENCE(mbuf); }
 
  private:
+  friend class PacketStock;
+
   static void giveBack(rte_mempool* pool, rte_mbuf** mbufs, size_t n);
 
   rte_mbuf mbuf_;

@@ -2,7 +2,8 @@
 // the cache ahead of their use; what the copies of one packet have in common is loaded once.
 //
 // Threads    : one worker's, for the time of a call.
-// Ownership  : a copy is the caller's; buffers that were taken and not used go back with the stock.
+// Ownership  : a copy is the caller's; buffers that were taken and not used go back with the stock,
+//              or before.
 // Errors     : a dry pool makes fewer copies, down to none.
 // Cost       : about 40 instructions for a copy of up to kShort bytes.
 #pragma once
@@ -23,8 +24,8 @@ namespace bess {
 
 class PacketStock {
  public:
-  // `packets`: about how many packets will be copied; the first one's number of copies, so many
-  // times, is taken at once.
+  // `packets`: about how many packets will be copied. As much as the next one needs, times those
+  // that are left, is taken at once.
   explicit PacketStock(size_t packets) : packets_(packets) {}
   ~PacketStock() { giveBack(); }
   PacketStock(const PacketStock&) = delete;
@@ -35,6 +36,9 @@ class PacketStock {
   // Returns: how many could be made. None of a packet of several segments, or whose data does not
   // fit a buffer of the pool.
   size_t copy(const Packet* src, const void* metadata, Packet** copies, size_t n);
+
+  // Returns: whether there was anything to give back.
+  bool giveBack();
 
  private:
   static constexpr size_t kMax = PacketBatch::kMaxBurst;
@@ -72,10 +76,9 @@ class PacketStock {
   template <bool isShort>
   size_t fill(const rte_mbuf& from, const void* metadata, Packet** copies, size_t n);
   bool refill(rte_mempool* pool, size_t wanted);
-  void giveBack();
   [[gnu::always_inline]] static void prefetch(const rte_mbuf* to, uint16_t dataOff);
 
-  const size_t packets_;
+  size_t packets_;
   rte_mempool* pool_ = nullptr;
   size_t next_ = 0;
   size_t count_ = 0;
@@ -91,16 +94,18 @@ inline size_t PacketStock::copy(const Packet* src,
     return 0;
   }
   const rte_mbuf& from = *src->mbuf();
-  const bool isShort = from.data_len <= kShort && from.data_off + kShort <= from.buf_len;
+  bool isShort = from.data_len <= kShort && from.data_off + kShort <= from.buf_len;
   size_t made = 0;
   while (made < n && refill(from.pool, n - made)) {
     const size_t some = isShort ? fill<true>(from, metadata, copies + made, n - made)
                                 : fill<false>(from, metadata, copies + made, n - made);
-    if (some == 0) {
+    if (some == 0 && !isShort) {
       break;
     }
+    isShort = isShort && some != 0;  // the copy's buffer may be the smaller one
     made += some;
   }
+  packets_ = std::max<size_t>(packets_, 2) - 1;
   return made;
 }
 
@@ -200,11 +205,14 @@ inline bool PacketStock::refill(rte_mempool* pool, size_t wanted) {
   return true;
 }
 
-inline void PacketStock::giveBack() {
-  if (next_ < count_) {
-    Packet::Free(reinterpret_cast<Packet**>(&mbufs_[next_]), count_ - next_);
+inline bool PacketStock::giveBack() {
+  const size_t left = count_ - next_;
+  if (left != 0) {
+    std::for_each_n(&mbufs_[next_], left, Packet::annotateRelease);
+    Packet::giveBack(pool_, &mbufs_[next_], left);
   }
   next_ = count_ = 0;
+  return left != 0;
 }
 
 inline void PacketStock::prefetch(const rte_mbuf* to, uint16_t dataOff) {

@@ -62,21 +62,27 @@ class ForwardingPass {
     }
   };
 
+  // What a pass knows of its module.
+  struct Tables {
+    const IntfSet& multicastIntfs;
+    IntfCounters& intfCounters;
+    const PacketFates& fates;
+  };
+
+  // `sender`: null for a pass that leaves its batches in the map.
   ForwardingPass(Context* ctx,
                  TimePoint now,
                  OutputBatchMap& map,
-                 const IntfSet& multicastIntfs,
-                 IntfCounters& intfCounters,
-                 const PacketFates& fates,
+                 const Tables& tables,
                  Module* sender,
                  size_t packets)
       : ctx_(ctx),
         now_(now),
         map_(map),
         sender_(sender),
-        multicastIntfs_(multicastIntfs),
-        intfCounters_(intfCounters),
-        fates_(fates),
+        multicastIntfs_(tables.multicastIntfs),
+        intfCounters_(tables.intfCounters),
+        fates_(tables.fates),
         stock_(packets) {
     outs_[kNowhere].intf = 0;
     outs_[kNowhere].gate = kNoGate;
@@ -102,6 +108,12 @@ class ForwardingPass {
 
   Context* ctx() const { return ctx_; }
   TimePoint now() const { return now_; }
+
+  static void sendAll(Module& sender, Context* ctx, const OutputBatchMap& map) {
+    for (const auto& [way, batch] : map) {
+      sender.RunChooseModule(ctx, way.gate, batch);
+    }
+  }
 
   // Returns: the interface's record, good until the next call.
   Incoming& incoming(uint64_t intf) {
@@ -247,9 +259,7 @@ class ForwardingPass {
         sender_->RunChooseModule(ctx_, static_cast<gate_idx_t>(outs_[i].gate), outs_[i].batch);
       }
     }
-    for (const auto& [way, batch] : map_) {
-      sender_->RunChooseModule(ctx_, way.gate, batch);
-    }
+    sendAll(*sender_, ctx_, map_);
   }
 
   // An entry that was withdrawn since it was found counts again, like one that is found later.

@@ -13,7 +13,8 @@ bool Mfib::ProcessPacket(Context* ctx,
                          bool reinjected,
                          OutputBatchMap& map,
                          TimePoint now) {
-  ForwardingPass pass(ctx, now, map, *multicastIntfTable_, *intfCounterTable_, fates_, nullptr, 1);
+  ForwardingPass pass(ctx, now, map, {*multicastIntfTable_, *intfCounterTable_, fates_}, nullptr,
+                      1);
   BatchWork room;
   PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
@@ -27,7 +28,7 @@ bool Mfib::ProcessPacket(Context* ctx,
 // while the others are looked at.
 void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   OutputBatchMap map(1);
-  ForwardingPass pass(ctx, Clock::now(), map, *multicastIntfTable_, *intfCounterTable_, fates_,
+  ForwardingPass pass(ctx, Clock::now(), map, {*multicastIntfTable_, *intfCounterTable_, fates_},
                       this, static_cast<size_t>(batch->cnt()));
   BatchWork room;
   PacketWork* const begin = room.packets();

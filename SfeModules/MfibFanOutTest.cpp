@@ -193,4 +193,26 @@ TEST_F(MfibFanOut, copiesIntoTheMemoryOfDroppedPackets) {
 
 }  // namespace
 
+// What was taken ahead for copies of the first packet serves the clones of the second.
+TEST_F(MfibFanOut, clonesIntoTheMemoryThatCopiesDidNotNeed) {
+  PacketCase row = flow_.row("scarce chain", flow_.ip());
+  row.routes[0].oifs = oifs(0, 4);
+  prepare(row);
+  std::vector<bess::PacketPtr> batch;
+  batch.push_back(arriving(row.input, row.arrival));
+  MfibFixture::Arrival inTwo = row.arrival;
+  inTwo.segments = {row.input.size() - 4};
+  batch.push_back(arriving(row.input, inTwo));
+  std::vector<bess::PacketPtr> hoard;
+  while (bess::Packet* taken = bess::PacketPool::defaultPool()->alloc()) {
+    hoard.emplace_back(taken);
+  }
+  constexpr size_t kCopies = 3;
+  constexpr size_t kClonedBuffers = 2 * kCopies;  // one for each segment
+  hoard.resize(hoard.size() - kCopies - kClonedBuffers);
+  EXPECT_EQ(receiveBatch(std::move(batch)).total(), 8U);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopied)), 2 * kCopies);
+  EXPECT_EQ(fates().at(static_cast<size_t>(Fate::kCopyFailed)), 0U);
+}
+
 }  // namespace SfeModules

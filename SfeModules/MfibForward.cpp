@@ -419,9 +419,13 @@ size_t Mfib::makeCopies(PacketWork& work,
                         bess::Packet** copies,
                         size_t wanted) {
   size_t made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
-  // What was dropped in this pass is memory too, the packet itself excepted.
-  if (made == 0 && !work.dropped && work.pass->freeDropped()) {
-    made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
+  if (made == 0) {
+    // A clone is made without the stock; what was dropped is memory too, the packet itself
+    // excepted.
+    const bool returned = work.pass->stock().giveBack();
+    if ((!work.dropped && work.pass->freeDropped()) || returned) {
+      made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
+    }
   }
   work.pass->countCopied(made);
   return made;

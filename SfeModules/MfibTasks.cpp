@@ -6,6 +6,7 @@
 
 #include "Base/Trace.h"
 #include "Bess/Worker.h"
+#include "SfeModules/ForwardingPass.h"
 #include "SfeModules/Fuse.h"
 #include "SfeModules/Mfib.h"
 #include "SfeModules/MrouteDump.h"
@@ -27,9 +28,7 @@ constexpr uint64_t kWireOverheadBytes = 24;  // preamble, gap and checksum of a 
 }  // namespace
 
 void Mfib::flush(Context* ctx, OutputBatchMap& map) {
-  for (auto& [key, batch] : map) {
-    RunChooseModule(ctx, key.gate, batch);
-  }
+  ForwardingPass::sendAll(*this, ctx, map);
 }
 
 TaskResult Mfib::RunTask(Context* ctx, bess::PacketBatch* batch, void* arg) {

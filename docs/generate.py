@@ -97,9 +97,9 @@ def proto(path):
         elif title and re.match(r"  enum \w+ \{", line):
             outer, rows = (title, rows), []
             title = re.match(r"(enum) (\w+)", line.strip())
-        elif line == "  }":
+        elif line == "  }" and outer:
             inner, comment = [f"Values of {title.group(2)}:\n", table(["value", "name"], rows)], []
-            title, rows = outer
+            (title, rows), outer = outer, None
         elif line == "}":
             heads = {"message": ["number", "field", "type", "meaning"], "enum": ["value", "name"],
                      "service": ["call", "request", "answer", "meaning"]}[title.group(1)]

@@ -4,7 +4,8 @@
 // own cache
 //              only: no lock, no atomic read-modify-write. About one call in a magazine (4..64
 //              objects) moves a whole magazine to or from the depot under a lock that is held for a
-//              few instructions; new slabs are taken from the heap there.
+//              few instructions; new slabs are taken from the heap there, where one call in 2 MiB
+//              of objects waits for a large page.
 // Ownership  : the caller keeps the size and gives it back with the object.
 // Errors     : std::bad_alloc when the heap is exhausted.
 // Cost       : fast path like a free-list push or pop. A thread caches at most two magazines of
