@@ -245,16 +245,19 @@ TEST_F(ControlCommandsTest, endsWithCallsUnderWay) {
   std::promise<void> done;
   keepBusy(done);
   std::vector<std::unique_ptr<Pending>> calls;
-  for (int i = 0; i < 10; ++i) {
+  for (size_t i = 0; i < ControlCommands::kMaxCalls + 1; ++i) {
     calls.push_back(send(*connect(), "under way"));
   }
-  EXPECT_TRUE(healthy());
+  // One is too many: the others have arrived.
+  EXPECT_EQ(next().status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
   auto end = std::async(std::launch::async, [this] { server_.reset(); });
   // It has no more patience, and tells the clients so; the commands run all the same.
-  finish(calls.size());
+  finish(calls.size() - 1);
   EXPECT_EQ(end.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  EXPECT_EQ(Held::runs_, 0);
   done.set_value();
   end.get();
+  EXPECT_EQ(Held::runs_, static_cast<int>(ControlCommands::kMaxCalls));
   for (const auto& pending : calls) {
     EXPECT_FALSE(pending->status.ok());
   }

@@ -25,6 +25,25 @@ class CounterTableThreadsTest : public TableTest {
     }
     urcu_qsbr_thread_online();
   }
+
+  // Two threads take `step(random number)` many times, at once.
+  template <class Step>
+  static void churn(Step step) {
+    constexpr int kRounds = 20000;
+    const auto run = [&step](uint64_t seed) {
+      const RcuThread rcu;
+      for (int round = 0; round < kRounds; ++round) {
+        seed = seed * 6364136223846793005u + 1442695040888963407u;
+        step(seed);
+        rcu.quiescent();
+      }
+    };
+    std::thread first(run, 1);
+    std::thread second(run, 2);
+    joinOffline({&first, &second});
+  }
+  // For a third of these numbers; their middle bits say which record.
+  static bool deletes(uint64_t seed) { return (seed >> 60) % 3 == 0; }
 };
 
 // The publisher adds to its records while control makes and deletes others: no count is lost.
@@ -65,29 +84,20 @@ TEST_F(CounterTableThreadsTest, losesNoCountBesideAnotherWriter) {
 // time. Whoever looks finds whole records, of the key that was asked for.
 TEST_F(CounterTableThreadsTest, neverMixesRecordsOfSlotsThatAreUsedAgain) {
   constexpr uint64_t kKeys = 6;
-  constexpr uint64_t kRounds = 20000;
   const auto table = mountTable<IntfCounterTable>(systemName_, kKeys);
   std::atomic<uint64_t> mixtures{0};
-  auto churn = [&](uint64_t seed) {
-    const RcuThread rcu;
-    for (uint64_t round = 0; round < kRounds; ++round) {
-      seed = seed * 6364136223846793005u + 1442695040888963407u;
-      const Nynet::IntfId id = intfId((seed >> 33) % kKeys);
-      if ((seed >> 60) % 3 == 0) {
-        table->intfDel(id);
-      } else {
-        table->intfIs(uniformRecord(id, seed));
-      }
-      const IntfCounter seen = table->intf(id);
-      if (!(seen == IntfCounter()) && (seen.intfId() != id || !isUniform(seen))) {
-        mixtures.fetch_add(1);
-      }
-      rcu.quiescent();
+  churn([&](uint64_t seed) {
+    const Nynet::IntfId id = intfId((seed >> 33) % kKeys);
+    if (deletes(seed)) {
+      table->intfDel(id);
+    } else {
+      table->intfIs(uniformRecord(id, seed));
     }
-  };
-  std::thread first(churn, 1);
-  std::thread second(churn, 2);
-  joinOffline({&first, &second});
+    const IntfCounter seen = table->intf(id);
+    if (!(seen == IntfCounter()) && (seen.intfId() != id || !isUniform(seen))) {
+      mixtures.fetch_add(1);
+    }
+  });
   EXPECT_EQ(mixtures.load(), 0u);
   EXPECT_EQ(table->overflows(), 0u);
   EXPECT_EQ(table->corruptions(), 0u);
@@ -103,29 +113,20 @@ TEST_F(CounterTableThreadsTest, neverMixesRecordsOfSlotsThatAreUsedAgain) {
 TEST_F(CounterTableThreadsTest, makesNewRecordsInATableThatIsOftenFull) {
   constexpr uint32_t kSlots = 6;
   constexpr uint32_t kKeys = 8;
-  constexpr uint64_t kRounds = 20000;
   const auto table = mountTable<MrouteCounterTable>(systemName_, kSlots);
   std::atomic<uint64_t> mixtures{0};
-  auto churn = [&](uint64_t seed) {
-    const RcuThread rcu;
-    for (uint64_t round = 0; round < kRounds; ++round) {
-      seed = seed * 6364136223846793005u + 1442695040888963407u;
-      const auto key = routeKey((seed >> 33) % kKeys);
-      if ((seed >> 60) % 3 == 0) {
-        table->mrouteDel(key);
-      } else {
-        table->mrouteNew(MrouteCounter(key));
-      }
-      const MrouteCounter seen = table->mroute(key);
-      if (!(seen == MrouteCounter()) && seen != MrouteCounter(key)) {
-        mixtures.fetch_add(1);
-      }
-      rcu.quiescent();
+  churn([&](uint64_t seed) {
+    const auto key = routeKey((seed >> 33) % kKeys);
+    if (deletes(seed)) {
+      table->mrouteDel(key);
+    } else {
+      table->mrouteNew(MrouteCounter(key));
     }
-  };
-  std::thread first(churn, 1);
-  std::thread second(churn, 2);
-  joinOffline({&first, &second});
+    const MrouteCounter seen = table->mroute(key);
+    if (!(seen == MrouteCounter()) && seen != MrouteCounter(key)) {
+      mixtures.fetch_add(1);
+    }
+  });
   EXPECT_EQ(mixtures.load(), 0u);
   EXPECT_GT(table->overflows(), 0u);
   EXPECT_EQ(table->corruptions(), 0u);
