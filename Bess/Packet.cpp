@@ -1,12 +1,13 @@
 #include "Bess/Packet.h"
 
-#include "Bess/PacketStock.h"
+#include "Bess/PacketCopier.h"
 
 namespace bess {
 
 Packet* Packet::copy(const Packet* src) {
   Packet* result = nullptr;
-  PacketStock(1).copy(src, src->metadata<const char*>(), &result, 1);
+  const auto metadata = PacketCopier::Metadata::load(src->metadata<const char*>());
+  PacketCopier().copy(src, metadata, 1, [&](Packet* copy) { result = copy; });
   return result;
 }
 

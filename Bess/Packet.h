@@ -4,7 +4,7 @@
 // Ownership  : passed on, freed or counted as dropped, never two of these. PacketPtr is for code
 //              that is not on the packet path.
 // Units      : lengths are bytes; the first segment is the head.
-// Cost       : all but copy() is inline. Many copies are made by a PacketStock.
+// Cost       : all but copy() is inline. Many copies are made by a PacketCopier.
 // Invariants :
 //   (1) the buffer comes from a pool whose private area has kMetadataSize bytes (PacketPool).
 //   (2) the first 8 bytes of the metadata area, its presence word, are zero in a fresh packet; the
@@ -122,8 +122,6 @@ class Packet {
   static void annotateAlloc(rte_mbuf* mbuf) { SFE_RCU_DEREFERENCE(mbuf); }
 
  private:
-  friend class PacketStock;
-
   static void giveBack(rte_mempool* pool, rte_mbuf** mbufs, size_t n);
 
   rte_mbuf mbuf_;
@@ -173,32 +171,40 @@ inline void Packet::giveBack([[maybe_unused]] rte_mempool* pool, rte_mbuf** mbuf
 // by is fetched ahead.
 inline void Packet::Free(Packet** pkts, size_t n) {
   constexpr size_t kAhead = 6;
-  size_t begin = 0;  // of the plain ones that have not gone back
+  Packet** begin = pkts;  // of the plain ones that have not gone back
   rte_mempool* pool = nullptr;
-  const auto giveBackTo = [&](size_t end) {
-    if (begin < end) {
-      giveBack(pool, reinterpret_cast<rte_mbuf**>(pkts + begin), end - begin);
+  const auto giveBackTo = [&](Packet** end) {
+    if (begin != end) {
+      giveBack(pool, reinterpret_cast<rte_mbuf**>(begin), static_cast<size_t>(end - begin));
     }
     begin = end;
   };
-  for (size_t i = 0; i < n; ++i) {
-    if (i + kAhead < n && pkts[i + kAhead] != nullptr) {
-      __builtin_prefetch(&pkts[i + kAhead]->mbuf_);
-      __builtin_prefetch(&pkts[i + kAhead]->mbuf_.next);
+  const auto release = [&](Packet** at) {
+    Packet* const pkt = *at;
+    if (pkt == nullptr || !pkt->isPlain()) [[unlikely]] {
+      giveBackTo(at);
+      Free(pkt);
+      begin = at + 1;
+      return;
     }
-    if (pkts[i] == nullptr || !pkts[i]->isPlain()) [[unlikely]] {
-      giveBackTo(i);
-      Free(pkts[i]);
-      begin = i + 1;
-      continue;
+    annotateRelease(&pkt->mbuf_);
+    if (pkt->mbuf_.pool != pool) [[unlikely]] {
+      giveBackTo(at);
+      pool = pkt->mbuf_.pool;
     }
-    annotateRelease(&pkts[i]->mbuf_);
-    if (pkts[i]->mbuf_.pool != pool) [[unlikely]] {
-      giveBackTo(i);
-      pool = pkts[i]->mbuf_.pool;
-    }
+  };
+  Packet** const end = pkts + n;
+  Packet** at = pkts;
+  for (; end - at > static_cast<ptrdiff_t>(kAhead); ++at) {
+    const auto ahead = reinterpret_cast<uintptr_t>(at[kAhead]);  // null is fetched without harm
+    __builtin_prefetch(reinterpret_cast<const void*>(ahead));
+    __builtin_prefetch(reinterpret_cast<const void*>(ahead + offsetof(rte_mbuf, next)));
+    release(at);
   }
-  giveBackTo(n);
+  for (; at != end; ++at) {
+    release(at);
+  }
+  giveBackTo(end);
 }
 
 inline void Packet::Free(PacketBatch* batch) {

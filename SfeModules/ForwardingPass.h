@@ -16,19 +16,22 @@
 
 #include <glog/logging.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
 #include "Bess/Context.h"
 #include "Bess/Module.h"
-#include "Bess/PacketStock.h"
+#include "Bess/PacketCopier.h"
 #include "Bess/Task.h"
 #include "Nynet/IntfId.h"
 #include "Nynet/VlanIntfId.h"
 #include "SfeModules/CounterEntries.h"
+#include "SfeModules/ForwardRules.h"
 #include "SfeModules/MfibTypes.h"
 #include "SfeModules/NyUrcuHt.h"
 #include "SfeModules/PacketFates.h"
+#include "SfeModules/WayNumbers.h"
 
 namespace SfeModules {
 
@@ -50,16 +53,25 @@ class ForwardingPass {
   // An outgoing interface and the gate that leads to it.
   struct alignas(64) Outgoing {
     uint64_t intf;
-    uint32_t gate;             // a gate_idx_t, or kNoGate
+    uint32_t gate;             // a gate_idx_t
     uint32_t bytes;            // appended in this pass
-    bess::PacketBatch* batch;  // null until a packet is appended
+    bess::Packet** next;       // the place in the batch of the next packet; null without a batch
+    bess::Packet** end;        // of the batch's places; likewise
+    bess::PacketBatch* batch;  // null until it is needed. It learns of its packets at the end
     IntfCounterEntry* counters;
-    int before;       // packets in the batch that other passes have appended
     uint16_t vlanId;  // of the interface, 0 when it has none
+  };
+  static constexpr size_t kMaxWays = 64;
 
-    bool is(Nynet::IntfId id, uint16_t itsGate) const {
-      return ((intf ^ id.value()) | (gate ^ itsGate)) == 0;
-    }
+  // The ways out of a route's second and further interfaces, one after the other, each with a
+  // batch.
+  struct Ways {
+    const MfibPvSet* route = nullptr;  // null when they are good for no other packet
+    uint8_t gateSelect = 0;            // of the packets
+    uint32_t first = 0;                // of the route's interfaces
+    uint32_t next = 0;                 // the first interface that did not fit
+    uint32_t count = 0;
+    std::array<Outgoing*, kMaxWays> outs;
   };
 
   // What a pass knows of its module.
@@ -74,18 +86,15 @@ class ForwardingPass {
                  TimePoint now,
                  OutputBatchMap& map,
                  const Tables& tables,
-                 Module* sender,
-                 size_t packets)
+                 Module* sender)
       : ctx_(ctx),
         now_(now),
         map_(map),
         sender_(sender),
         multicastIntfs_(tables.multicastIntfs),
         intfCounters_(tables.intfCounters),
-        fates_(tables.fates),
-        stock_(packets) {
-    outs_[kNowhere].intf = 0;
-    outs_[kNowhere].gate = kNoGate;
+        fates_(tables.fates) {
+    outs_[kNowhere].batch = nullptr;
   }
   ~ForwardingPass() {
     settle(incoming_);
@@ -94,7 +103,7 @@ class ForwardingPass {
       settle(outs_[i]);
     }
     if (spareUsed_) {
-      settle(outs_[kSpare]);
+      settle(spare_);
     }
     settle(Fate::kForwarded, forwarded_);
     settle(Fate::kCopied, copied_);
@@ -133,27 +142,45 @@ class ForwardingPass {
     route_.bytes += bytes;
   }
 
-  bess::PacketStock& stock() { return stock_; }
+  bess::PacketCopier& copier() { return copier_; }
 
   void countForwarded() { ++forwarded_; }
   void countCopied(size_t copies) { copied_ += copies; }
 
-  // Returns: the record of (interface, gate), good until the next call.
-  Outgoing& outgoing(Nynet::IntfId oif, uint16_t gate) {
-    if (Outgoing& out = outs_[places_[slotOf(oif, gate)]]; out.is(oif, gate)) [[likely]] {
-      return out;
-    }
-    return findOrOpen(oif, gate);
+  // Returns: the record of the way out to a route's interface `i`, good until the next call.
+  [[gnu::always_inline]] Outgoing& outgoing(const MfibPvSet& route, uint32_t i) {
+    const uint8_t place = places_[route.oifWays()[i]];
+    return place != kNowhere ? outs_[place] : openWay(route, i);
   }
 
-  // Sends a packet with the others of this pass that leave the same way.
-  [[gnu::always_inline]] void append(Outgoing& out, bess::Packet* pkt) {
+  // Returns: those ways out from a route's interface `first` on that a packet with `gateSelect` may
+  // take, good until the next call of this or of outgoing().
+  const Ways& ways(const MfibPvSet& route, uint32_t first, uint8_t gateSelect) {
+    if (ways_.route != &route || ways_.first != first || ways_.gateSelect != gateSelect) {
+      ways_.route = &route;
+      ways_.first = first;
+      ways_.gateSelect = gateSelect;
+      ways_.next = std::min<uint32_t>(route.numOifs, first + kMaxWays);
+      ways_.count = gateSelect == 0 ? recallWays(route.oifWays() + first, ways_.next - first) : 0;
+      if (ways_.count != ways_.next - first) [[unlikely]] {
+        findWays(route, first + ways_.count);
+      }
+    }
+    return ways_;
+  }
+
+  // Sends a packet of `bytes` with the others of this pass that leave the same way.
+  [[gnu::always_inline]] void append(Outgoing& out, bess::Packet* pkt, uint32_t bytes) {
     if (out.batch == nullptr) [[unlikely]] {
       openBatch(out);
     }
-    out.bytes += pkt->totalLen();
-    CHECK(!out.batch->full()) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
-    out.batch->add(pkt);
+    appendReady(out, pkt, bytes);
+  }
+  // Requires: the way out has its batch.
+  [[gnu::always_inline]] static void appendReady(Outgoing& out, bess::Packet* pkt, uint32_t bytes) {
+    CHECK(out.next != out.end) << "( unsigned )outBatch->cnt() <= bess::PacketBatch::kMaxBurst";
+    *out.next++ = pkt;
+    out.bytes += bytes;
   }
 
   // Takes a dropped packet, which stays as it is until freeDropped() or the pass's end.
@@ -173,26 +200,15 @@ class ForwardingPass {
   }
 
  private:
-  static constexpr size_t kSlots = 128;  // more ways out than that share the spare one
-  static constexpr size_t kProbes = 4;
-  // The records: one that is no way out, those of the slots, the spare one.
+  // The places of records: none, then those of the ways out in the order in which they were met.
   static constexpr size_t kNowhere = 0;
   static constexpr size_t kFirst = 1;
-  static constexpr size_t kSpare = kFirst + kSlots;
-  static constexpr uint32_t kNoGate = UINT32_MAX;
 
   struct Route {
     MrouteCounterEntry* counters = nullptr;
     uint32_t packets = 0;
     uint32_t bytes = 0;
   };
-
-  // Multiplicative hashing: the numbers of interfaces differ in few bits, anywhere.
-  static size_t slotOf(Nynet::IntfId oif, uint16_t gate) {
-    constexpr uint64_t kGoldenRatio = 0x9e3779b97f4a7c15;
-    return ((oif.value() + gate) * kGoldenRatio) >> 57;
-  }
-  static_assert(kSlots == size_t{1} << (64 - 57));
 
   [[gnu::noinline]] void open(Incoming& in, uint64_t intf) {
     settle(in);
@@ -205,32 +221,29 @@ class ForwardingPass {
     out = {.intf = oif.value(),
            .gate = gate,
            .bytes = 0,
+           .next = nullptr,
+           .end = nullptr,
            .batch = nullptr,
            .counters = &countingEntry(intfCounters_, oif.value()),
-           .before = 0,
            .vlanId = Nynet::VlanIntfId::vlanId(oif)};
     return out;
   }
 
-  [[gnu::noinline]] Outgoing& findOrOpen(Nynet::IntfId oif, uint16_t gate) {
-    size_t slot = slotOf(oif, gate);
-    for (size_t probe = 0; probe < kProbes; ++probe) {
-      if (places_[slot] == kNowhere) {
-        places_[slot] = static_cast<uint8_t>(kFirst + opened_++);
-        return open(outs_[places_[slot]], oif, gate);
-      }
-      if (Outgoing& out = outs_[places_[slot]]; out.is(oif, gate)) {
-        return out;
-      }
-      slot = (slot + 1) % kSlots;
+  [[gnu::noinline]] Outgoing& openWay(const MfibPvSet& route, uint32_t i) {
+    const Nynet::IntfId oif = route.oifs[i];
+    const auto gate = static_cast<uint16_t>(route.oifGates[i]);
+    const uint8_t number = route.oifWays()[i];
+    if (number == WayNumbers::kNone) {
+      return spare(oif, gate);
     }
-    return spare(oif, gate);
+    places_[number] = static_cast<uint8_t>(kFirst + opened_++);
+    return open(outs_[places_[number]], oif, gate);
   }
 
   Outgoing& spare(Nynet::IntfId oif, uint16_t gate) {
-    Outgoing& out = outs_[kSpare];
+    Outgoing& out = spare_;
     if (spareUsed_) {
-      if (out.is(oif, gate)) {
+      if (out.intf == oif.value() && out.gate == gate) {
         return out;
       }
       settle(out);
@@ -241,16 +254,48 @@ class ForwardingPass {
 
   // The spare record does not remember its batches.
   [[gnu::noinline]] void openBatch(Outgoing& out) {
-    if (sender_ != nullptr && &out != &outs_[kSpare]) {
+    if (sender_ != nullptr && &out != &spare_) {
       out.batch = ctx_->task->AllocPacketBatch();
-      return;
+    } else {
+      bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, static_cast<uint16_t>(out.gate)}];
+      if (batch == nullptr) {
+        batch = ctx_->task->AllocPacketBatch();
+      }
+      out.batch = batch;
     }
-    bess::PacketBatch*& batch = map_[IntfGateKey{out.intf, static_cast<uint16_t>(out.gate)}];
-    if (batch == nullptr) {
-      batch = ctx_->task->AllocPacketBatch();
+    out.next = out.batch->end();
+    out.end = out.batch->pkts() + bess::PacketBatch::kMaxBurst;
+  }
+
+  // Returns: how many of the ways with these numbers have a batch, up to the first that has none.
+  uint32_t recallWays(const uint8_t* numbers, uint32_t count) {
+    uint32_t known = 0;
+    for (; known < count; ++known) {
+      Outgoing& out = outs_[places_[numbers[known]]];
+      if (out.batch == nullptr) [[unlikely]] {
+        break;
+      }
+      ways_.outs[known] = &out;
     }
-    out.batch = batch;
-    out.before = batch->cnt();
+    return known;
+  }
+
+  // The further ones, from the route's interface `i` on.
+  [[gnu::noinline]] void findWays(const MfibPvSet& route, uint32_t i) {
+    for (; i < ways_.next; ++i) {
+      Outgoing& out = outgoing(route, i);
+      if (!permitsGate(ways_.gateSelect, static_cast<uint16_t>(out.gate))) {
+        continue;
+      }
+      if (out.batch == nullptr) {
+        openBatch(out);
+      }
+      ways_.outs[ways_.count++] = &out;
+      if (&out == &spare_) {
+        ways_.route = nullptr;  // the next one takes its place
+        ways_.next = i + 1;
+      }
+    }
   }
 
   void send() {
@@ -280,8 +325,10 @@ class ForwardingPass {
   }
   static void settle(const Outgoing& out) {
     if (out.batch != nullptr) {
+      const auto packets = static_cast<uint32_t>(out.next - out.batch->end());
+      out.batch->incrCnt(static_cast<int>(packets));
       IntfCounterEntry& counters = revive(*out.counters);
-      counters.pktsOut += static_cast<uint32_t>(out.batch->cnt() - out.before);
+      counters.pktsOut += packets;
       counters.bytesOut += out.bytes;
     }
   }
@@ -299,16 +346,19 @@ class ForwardingPass {
   IntfCounters& intfCounters_;
   const PacketFates& fates_;
 
-  bess::PacketStock stock_;
+  bess::PacketCopier copier_;
   Incoming incoming_;
   Route route_;
   bess::PacketBatch* deadBatch_ = nullptr;
   uint64_t forwarded_ = 0;
   uint64_t copied_ = 0;
+  Ways ways_;
   size_t opened_ = 0;
   bool spareUsed_ = false;
-  std::array<uint8_t, kSlots> places_{};   // by slot: the index in outs_, kNowhere when it is free
-  std::array<Outgoing, kSpare + 1> outs_;  // of the slots' records, opened_ are in use
+  // By the number of a way out: the place of its record, kNowhere when it has none.
+  Outgoing spare_;  // ways out without a number take turns with it
+  std::array<uint8_t, kFirst + WayNumbers::kMost> places_{};
+  std::array<Outgoing, kFirst + WayNumbers::kMost> outs_;  // of the ways, opened_ are in use
 };
 
 }  // namespace SfeModules

@@ -39,7 +39,7 @@ if(SFE_TESTS)
   # What the control plane does with an instance.
   sfe_test(MfibControlTest EAL
     SOURCES MfibIntfsTest.cpp MfibLifecycleTest.cpp MfibRegistrationTest.cpp MfibRoutesTest.cpp
-            MrouteDumpTest.cpp RouteWalkTest.cpp
+            MrouteDumpTest.cpp RouteWalkTest.cpp WayNumbersTest.cpp
     DEPS mfib_testing mfib_core PkgConfig::FUSE)
 endif()
 

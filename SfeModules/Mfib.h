@@ -48,6 +48,7 @@
 #include "SfeModules/NyUrcuHt.h"
 #include "SfeModules/PacketFates.h"
 #include "SfeModules/PacketHeaders.h"
+#include "SfeModules/WayNumbers.h"
 #include "protocol/sfe.pb.h"
 
 namespace SfeModules {
@@ -179,6 +180,7 @@ class Mfib : public Module {
 
     ForwardingPass* pass;
     bess::Packet* pkt;
+    const char* data = nullptr;  // where it began when it came
     bool reinjected;
     Search search = Search::kNone;
     Parsed parsed = Parsed::kCutOff;
@@ -227,7 +229,9 @@ class Mfib : public Module {
   [[gnu::noinline]] void findCounters(PacketWork* begin, PacketWork* end) const;
 
   // Steps of the packet path, in their order.
-  bool decide(PacketWork& work);
+  // Returns: how many packets were not dropped nor passed on unchanged.
+  size_t decideAll(PacketWork* begin, PacketWork* end);
+  [[gnu::always_inline]] bool decide(PacketWork& work);
   [[gnu::always_inline]] Parsed parse(PacketWork& work) const;
   [[gnu::noinline]] bool passUnchanged(PacketWork& work);
   [[gnu::noinline]] const MfibPvSet* findAnySource(PacketWork& work);
@@ -244,12 +248,16 @@ class Mfib : public Module {
   [[gnu::always_inline]] void sendOriginal(PacketWork& work,
                                            const MfibPvSet& entry,
                                            uint8_t gateSelect);
-  [[gnu::noinline]] void sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect);
-  static size_t makeCopies(PacketWork& work,
-                           const ForwardingMetadata& metadata,
-                           bess::Packet** copies,
-                           size_t wanted);
-  ForwardingMetadata metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const;
+  [[gnu::always_inline]] void sendCopies(PacketWork& work,
+                                         const MfibPvSet& entry,
+                                         uint8_t gateSelect,
+                                         const bess::PacketCopier::Metadata& metadata);
+  [[gnu::always_inline]] static size_t sendCopies(PacketWork& work,
+                                                  const bess::PacketCopier::Metadata& metadata,
+                                                  ForwardingPass::Outgoing* const* outs,
+                                                  size_t count);
+  [[gnu::always_inline]] bess::PacketCopier::Metadata metadataOfCopies(const PacketWork& work,
+                                                                       uint8_t gateSelect) const;
   [[gnu::noinline]] void drop(PacketWork& work, Fate reason);
   [[gnu::always_inline]] static bool finish(PacketWork& work);
   void fillMessage(const Orp::Ptr<Nynet::MrtMessage>& msg, const PacketWork& work) const;
@@ -324,6 +332,7 @@ class Mfib : public Module {
   PacketFates fates_;                 // named by Init after family and VRF
   NotificationCounts notifications_;  // likewise
   sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
+  WayNumbers wayNumbers_;             // control: of every way out that a route has had
   static constexpr uint32_t kFewestBuckets = 128;
   uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
   // Written by control, before a route is in the table and after it is out: workers look for no

@@ -13,15 +13,14 @@ bool Mfib::ProcessPacket(Context* ctx,
                          bool reinjected,
                          OutputBatchMap& map,
                          TimePoint now) {
-  ForwardingPass pass(ctx, now, map, {*multicastIntfTable_, *intfCounterTable_, fates_}, nullptr,
-                      1);
+  ForwardingPass pass(ctx, now, map, {*multicastIntfTable_, *intfCounterTable_, fates_}, nullptr);
   BatchWork room;
   PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
   locate(work);
   lookUp(work, nullptr);
   findCounters(&work, &work + 1);
-  return decide(work);
+  return decideAll(&work, &work + 1) != 0;
 }
 
 // A batch goes through the steps that wait for memory together: what one packet needs is fetched
@@ -29,7 +28,7 @@ bool Mfib::ProcessPacket(Context* ctx,
 void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   OutputBatchMap map(1);
   ForwardingPass pass(ctx, Clock::now(), map, {*multicastIntfTable_, *intfCounterTable_, fates_},
-                      this, static_cast<size_t>(batch->cnt()));
+                      this);
   BatchWork room;
   PacketWork* const begin = room.packets();
   PacketWork* const end = begin + batch->cnt();
@@ -57,9 +56,7 @@ void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   if (!recalled) {
     findCounters(begin, end);
   }
-  for (work = begin; work != end; ++work) {
-    decide(*work);
-  }
+  decideAll(begin, end);
 }
 
 // `room`: for a PacketWork.
@@ -68,6 +65,7 @@ inline Mfib::PacketWork& Mfib::arrive(void* room,
                                       bool reinjected,
                                       ForwardingPass& pass) const {
   PacketWork& work = *new (room) PacketWork(pass, pkt, reinjected);
+  work.data = pkt->headData<const char*>();
   work.inIntf = metadataOf(pkt).inIntfOrZero();
   work.parsed = parse(work);
   return work;

@@ -193,8 +193,8 @@ TEST_F(MfibFanOut, copiesIntoTheMemoryOfDroppedPackets) {
 
 }  // namespace
 
-// What was taken ahead for copies of the first packet serves the clones of the second.
-TEST_F(MfibFanOut, clonesIntoTheMemoryThatCopiesDidNotNeed) {
+// Copies take no more memory than they need.
+TEST_F(MfibFanOut, clonesIntoTheMemoryThatCopiesLeft) {
   PacketCase row = flow_.row("scarce chain", flow_.ip());
   row.routes[0].oifs = oifs(0, 4);
   prepare(row);

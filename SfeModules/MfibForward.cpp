@@ -6,6 +6,8 @@
 #include <rte_mbuf.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -57,21 +59,14 @@ void copyOut(bess::Packet* pkt, size_t offset, uint8_t* to, size_t length) {
   }
 }
 
-// Copies of a packet with `metadata`. Returns: how many.
-size_t copiesOf(ForwardingPass& pass,
-                bess::Packet* pkt,
-                const ForwardingMetadata& metadata,
-                bess::Packet** copies,
-                size_t n) {
-  if (pkt->isLinear()) {
-    return pass.stock().copy(pkt, &metadata, copies, n);
-  }
-  copies[0] = bess::Packet::clone(pkt);
-  if (copies[0] == nullptr) {
-    return 0;
-  }
-  metadataOf(copies[0]) = metadata;
-  return 1;
+// The copies of other packets have taken the place of a packet's lines in the nearest cache.
+[[gnu::always_inline]] inline void fetchAgain(const bess::Packet& pkt, const char* data) {
+  const char* const mbuf = reinterpret_cast<const char*>(&pkt);
+  __builtin_prefetch(mbuf);
+  __builtin_prefetch(mbuf + RTE_CACHE_LINE_SIZE);
+  __builtin_prefetch(pkt.metadata<const char*>());
+  __builtin_prefetch(pkt.metadata<const char*>() + RTE_CACHE_LINE_SIZE);
+  __builtin_prefetch(data);
 }
 
 uint32_t hostOrder(const AddrBytes& ipv4) {
@@ -111,7 +106,22 @@ Mfib::LookupResult Mfib::lookupAnySource(const MfibKey& key, const Mfib_U64& iif
   return {nullptr, Match::kNone, search};
 }
 
-bool Mfib::decide(PacketWork& work) {
+size_t Mfib::decideAll(PacketWork* begin, PacketWork* end) {
+  size_t kept = 0;
+  constexpr ptrdiff_t kAhead = 2;
+  for (PacketWork* work = begin; work != end; ++work) {
+    if (end - work > kAhead) {
+      fetchAgain(*work[kAhead].pkt, work[kAhead].data);
+      if (work[kAhead].sourceGroup != nullptr) [[likely]] {
+        work[kAhead].sourceGroup->prefetch();
+      }
+    }
+    kept += decide(*work) ? 1 : 0;
+  }
+  return kept;
+}
+
+inline bool Mfib::decide(PacketWork& work) {
   ForwardingPass::Incoming& incoming = work.pass->incoming(work.inIntf);
   if (!work.reinjected) {
     incoming.packets += 1;
@@ -332,16 +342,17 @@ inline void Mfib::rewriteIp(PacketWork& work) const {
 // others.
 inline void Mfib::replicate(PacketWork& work, const MfibPvSet& entry) {
   const uint8_t gateSelect = modeFlag_ ? metadataOf(work.pkt).gateSelectOrZero() : uint8_t{0};
-  sendOriginal(work, entry, gateSelect);
-  if (entry.numOifs > 1) {
-    sendCopies(work, entry, gateSelect);
+  if (entry.numOifs == 1) {
+    sendOriginal(work, entry, gateSelect);
+    return;
   }
+  const bess::PacketCopier::Metadata ofCopies = metadataOfCopies(work, gateSelect);
+  sendOriginal(work, entry, gateSelect);
+  sendCopies(work, entry, gateSelect, ofCopies);
 }
 
 inline void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
-  const Nynet::IntfId oif = entry.oifs[0];
-  const auto gate = static_cast<uint16_t>(entry.oifGates[0]);
-  ForwardingPass::Outgoing& out = work.pass->outgoing(oif, gate);
+  ForwardingPass::Outgoing& out = work.pass->outgoing(entry, 0);
   ForwardingMetadata& meta = metadataOf(work.pkt);
   if (modeFlag_ || !ipv4()) {
     rewriteLink(work.pkt, entry);
@@ -349,86 +360,90 @@ inline void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t
     meta.encapHint = kEncapHintIp;
     meta.presence |= kHasEncapHint;
   }
-  if (!permitsGate(gateSelect, gate)) [[unlikely]] {
+  if (!permitsGate(gateSelect, static_cast<uint16_t>(out.gate))) [[unlikely]] {
     drop(work, Fate::kDropGate);  // it stays the source of the copies
     return;
   }
   meta.vlanId = out.vlanId;
   meta.vrfId = vrfId_;
-  meta.outIntf = oif.value();
+  meta.outIntf = out.intf;
   meta.presence |= kHasVrfId | kHasOutIntf | kHasVlanId;
   work.pass->countForwarded();
-  work.pass->append(out, work.pkt);
+  work.pass->append(out, work.pkt, work.pkt->totalLen());
 }
 
-// What the metadata of a packet's copies have in common.
-ForwardingMetadata Mfib::metadataOfCopies(const PacketWork& work, uint8_t gateSelect) const {
-  ForwardingMetadata meta = metadataOf(work.pkt);
-  meta.carriedByte = meta.carriedByteOrZero();
-  meta.carriedWord1 = meta.carriedWord1OrZero();
-  meta.carriedWord2 = meta.carriedWord2OrZero();
-  meta.vrfId = vrfId_;
-  meta.gateSelect = gateSelect;
-  meta.inIntf = work.inIntf;
-  meta.presence |= kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
-                   kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2;
-  if (!modeFlag_ && ipv4()) {
-    meta.encapHint = kEncapHintIp;
-    meta.presence |= kHasEncapHint;
-  }
+// What the metadata of a packet's copies have in common: all that sendOriginal() sets is among it.
+inline bess::PacketCopier::Metadata Mfib::metadataOfCopies(const PacketWork& work,
+                                                           uint8_t gateSelect) const {
+  using Meta = ForwardingMetadata;
+  static_assert(std::endian::native == std::endian::little);
+  const auto both = [](uint32_t low, uint32_t high) { return low | uint64_t{high} << 32; };
+  const ForwardingMetadata& own = metadataOf(work.pkt);
+  const bool bare = !modeFlag_ && ipv4();
+
+  auto meta = bess::PacketCopier::Metadata::load(&own);
+  meta.wordIs<offsetof(Meta, presence)>(
+      own.presence | kHasOutIntf | kHasInIntf | kHasVrfId | kHasVlanId | kHasGateSelect |
+      kHasCarriedByte | kHasCarriedWord1 | kHasCarriedWord2 | (bare ? kHasEncapHint : 0));
+  meta.wordIs<offsetof(Meta, inIntf)>(work.inIntf);
+  meta.wordIs<offsetof(Meta, vrfId)>(both(vrfId_, bare ? kEncapHintIp : own.encapHint));
+  meta.wordIs<offsetof(Meta, carriedWord1)>(
+      both(own.carriedWord1OrZero(), own.carriedWord2OrZero()));
+  constexpr size_t kBytes = offsetof(Meta, reserved64);  // two of them, gateSelect, carriedByte
+  static_assert(offsetof(Meta, gateSelect) == kBytes + 2);
+  static_assert(offsetof(Meta, carriedByte) == kBytes + 3);
+  meta.wordIs<kBytes>((meta.word<kBytes>() & ~uint64_t{0xffff0000}) | uint32_t{gateSelect} << 16 |
+                      uint32_t{own.carriedByteOrZero()} << 24);
   return meta;
 }
 
-// The copies are made in bulk. An interface whose copy cannot be made, the pool being dry, goes
-// without.
-void Mfib::sendCopies(PacketWork& work, const MfibPvSet& entry, uint8_t gateSelect) {
-  const ForwardingMetadata common = metadataOfCopies(work, gateSelect);
-  std::array<bess::Packet*, bess::PacketBatch::kMaxBurst> copies;
+inline void Mfib::sendCopies(PacketWork& work,
+                             const MfibPvSet& entry,
+                             uint8_t gateSelect,
+                             const bess::PacketCopier::Metadata& metadata) {
   ForwardingPass& pass = *work.pass;
-  const Nynet::IntfId* const oifs = entry.oifs;
-  const uint32_t* const gates = entry.oifGates;
-  const uint32_t numOifs = entry.numOifs;
-  size_t made = 0;
-  size_t sent = 0;
-  for (uint32_t i = 1; i < numOifs; ++i) {
-    const auto gate = static_cast<uint16_t>(gates[i]);
-    ForwardingPass::Outgoing& out = pass.outgoing(oifs[i], gate);
-    if (!permitsGate(gateSelect, gate)) {
-      continue;
+  for (uint32_t first = 1; first < entry.numOifs;) {
+    const ForwardingPass::Ways& ways = pass.ways(entry, first, gateSelect);
+    size_t sent = 0;
+    do {
+      sent += sendCopies(work, metadata, ways.outs.data() + sent, ways.count - sent);
+      // What was dropped is memory too, the packet itself excepted.
+    } while (sent != ways.count && !work.dropped && pass.freeDropped());
+    pass.countCopied(sent);
+    if (sent != ways.count) [[unlikely]] {
+      fates_.count(work.ctx()->wid, Fate::kCopyFailed, ways.count - sent);
     }
-    if (sent == made) {
-      // With a gate selection nobody knows how many more are wanted.
-      const size_t wanted = gateSelect != 0 ? 1 : numOifs - i;
-      sent = 0;
-      made = makeCopies(work, common, copies.data(), std::min(wanted, copies.size()));
-    }
-    if (sent == made) {
-      fates_.count(work.ctx()->wid, Fate::kCopyFailed);
-      continue;
-    }
-    bess::Packet* copy = copies[sent++];
-    metadataOf(copy).vlanId = out.vlanId;
-    metadataOf(copy).outIntf = out.intf;
-    pass.append(out, copy);
+    first = ways.next;
   }
 }
 
-// Returns: how many of the `wanted` copies could be made.
-size_t Mfib::makeCopies(PacketWork& work,
-                        const ForwardingMetadata& metadata,
-                        bess::Packet** copies,
-                        size_t wanted) {
-  size_t made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
-  if (made == 0) {
-    // A clone is made without the stock; what was dropped is memory too, the packet itself
-    // excepted.
-    const bool returned = work.pass->stock().giveBack();
-    if ((!work.dropped && work.pass->freeDropped()) || returned) {
-      made = copiesOf(*work.pass, work.pkt, metadata, copies, wanted);
-    }
+// Returns: to how many of the ways out a copy went. With a dry pool, the others go without.
+inline size_t Mfib::sendCopies(PacketWork& work,
+                               const bess::PacketCopier::Metadata& metadata,
+                               ForwardingPass::Outgoing* const* outs,
+                               size_t count) {
+  const bool linear = work.pkt->isLinear();
+  const uint32_t bytes = linear ? work.pkt->headLen() : work.pkt->totalLen();
+  const auto send = [&outs, bytes](bess::Packet* copy) {
+    ForwardingPass::Outgoing& out = **outs++;
+    ForwardingMetadata& meta = metadataOf(copy);
+    meta.vlanId = out.vlanId;
+    meta.outIntf = out.intf;
+    ForwardingPass::appendReady(out, copy, bytes);
+  };
+  if (linear) [[likely]] {
+    return work.pass->copier().copy(work.pkt, metadata, count, send);
   }
-  work.pass->countCopied(made);
-  return made;
+  size_t sent = 0;
+  for (; sent < count; ++sent) {
+    bess::Packet* clone = bess::Packet::clone(work.pkt);
+    if (clone == nullptr) {
+      break;
+    }
+    metadata.store(&metadataOf(clone));
+    send(clone);
+  }
+  return sent;
 }
 
 inline void Mfib::rewriteLink(bess::Packet* pkt, const MfibPvSet& entry) const {

@@ -28,14 +28,18 @@ struct RoomBehind {
 }  // namespace
 
 std::shared_ptr<MfibPvSet> MfibPvSet::make(uint32_t oifCount) {
-  const RoomBehind<MfibPvSet> room(oifCount * (sizeof(Nynet::IntfId) + sizeof(uint32_t)));
+  constexpr size_t kAlign = alignof(Nynet::IntfId);
+  const size_t wayBytes = (size_t{oifCount} + kAlign - 1) / kAlign * kAlign;
+  const size_t oifBytes = oifCount * sizeof(Nynet::IntfId);
+  const RoomBehind<MfibPvSet> room(wayBytes + oifBytes + oifCount * sizeof(uint32_t));
   auto entry = std::allocate_shared<MfibPvSet>(room);
   entry->numOifs = oifCount;
   if (oifCount > 0) {
     // The entry is the last part of what was allocated.
     auto* behind = reinterpret_cast<unsigned char*>(entry.get() + 1);
-    entry->oifs = new (behind) Nynet::IntfId[oifCount];
-    entry->oifGates = new (behind + oifCount * sizeof(Nynet::IntfId)) uint32_t[oifCount]();
+    new (behind) uint8_t[wayBytes]();
+    entry->oifs = new (behind + wayBytes) Nynet::IntfId[oifCount];
+    entry->oifGates = new (behind + wayBytes + oifBytes) uint32_t[oifCount]();
   }
   return entry;
 }

@@ -148,8 +148,8 @@ class QuietMemo {
   std::atomic<TimePoint::rep> until_{0};
 };
 
-// The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, next
-// to what the packet path reads besides them.
+// The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, the
+// numbers of its ways out first: of all these the packet path mostly reads no more.
 struct MfibPvSet {
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
@@ -161,6 +161,11 @@ struct MfibPvSet {
     __builtin_prefetch(hot);
     __builtin_prefetch(hot + RTE_CACHE_LINE_SIZE);
   }
+
+  // For each outgoing interface, the number of its way out (WayNumbers), 0 when it has none.
+  // Requires: there are outgoing interfaces.
+  uint8_t* oifWays() { return reinterpret_cast<uint8_t*>(this + 1); }
+  const uint8_t* oifWays() const { return reinterpret_cast<const uint8_t*>(this + 1); }
 
   mutable QuietMemo quiet;
   TimePoint createTime = Clock::now();

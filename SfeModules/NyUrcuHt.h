@@ -205,7 +205,7 @@ class NyRcuHt {
   const V* find(const K& key) const { return find(key, nyHash(key)); }
 
   // The same with the key's hash, which the caller has from nyHash().
-  const V* find(const K& key, uint32_t hash) const {
+  [[gnu::noinline]] const V* find(const K& key, uint32_t hash) const {
     // The chains decide: a node that was replaced or removed stays in the index for a moment.
     if (Node* node = index_.find(key, hash);
         node != nullptr && cds_lfht_is_node_deleted(&node->htNode) == 0) [[likely]] {
@@ -220,12 +220,12 @@ class NyRcuHt {
   // The same in steps, each of which finds in the caches what the one before has fetched: prefetch,
   // then locate, then find. RCU: one read side for all of them.
   [[gnu::always_inline]] void prefetch(uint32_t hash) const { index_.prefetchSet(hash); }
-  const Node* locate(uint32_t hash) const {
+  [[gnu::always_inline]] const Node* locate(uint32_t hash) const {
     const Node* node = index_.probable(hash);
     __builtin_prefetch(node);
     return node;
   }
-  const V* find(const K& key, uint32_t hash, const Node* located) const {
+  [[gnu::always_inline]] const V* find(const K& key, uint32_t hash, const Node* located) const {
     if (located != nullptr && Node::sameKey(located->key, key) &&
         cds_lfht_is_node_deleted(const_cast<cds_lfht_node*>(&located->htNode)) == 0) [[likely]] {
       SFE_RCU_DEREFERENCE(&located->htNode);

@@ -92,7 +92,9 @@ inline bool holdsIpv4Header(const HeaderReader& reader, size_t offset) {
   return reader.holds(offset, claimed);
 }
 
-inline Parsed parseIpv4(bess::Packet* packet, size_t ipOffset, PacketHeaders& headers) {
+[[gnu::always_inline]] inline Parsed parseIpv4(bess::Packet* packet,
+                                               size_t ipOffset,
+                                               PacketHeaders& headers) {
   const HeaderReader reader(packet);
   if (!holdsIpv4Header(reader, ipOffset)) {
     return Parsed::kCutOff;
@@ -189,6 +191,22 @@ inline void writeIpv4Checksum(uint8_t* header) {
   std::memcpy(header + kField, &checksum, sizeof(checksum));
 }
 
+// A sum whose carry is added again: how a checksum adds (RFC 1071 section 2).
+template <class Word>
+Word addAround(Word a, Word b) {
+  Word sum;  // NOLINT(cppcoreguidelines-init-variables): set in the next line
+  const bool carry = __builtin_add_overflow(a, b, &sum);
+  return static_cast<Word>(sum + (carry ? 1 : 0));
+}
+
+// The checksum over words of a header.
+inline uint16_t checksumOver(uint64_t first, uint64_t second, uint32_t last) {
+  const uint64_t sum = addAround(addAround(first, second), uint64_t{last});
+  const uint32_t word = addAround(static_cast<uint32_t>(sum), static_cast<uint32_t>(sum >> 32));
+  return static_cast<uint16_t>(
+      ~addAround(static_cast<uint16_t>(word), static_cast<uint16_t>(word >> 16)));
+}
+
 // Takes one from the TTL, puts `tos` in place and writes the checksum. A header without options is
 // read and written in whole words: a byte store before a word's load would hold the load up.
 // Requires: the whole header.
@@ -213,12 +231,7 @@ inline void rewriteIpv4Header(uint8_t* header, uint8_t tos) {
   std::memcpy(&last, header + sizeof(first) + sizeof(second), sizeof(last));
   first = (first & ~kTos) | (uint64_t{tos} << 8);
   second = (second & ~(kTtl | kChecksum)) | ((second - 1) & kTtl);
-  uint64_t sum = (first >> 32) + (first & 0xffffffff) + (second >> 32) + (second & 0xffffffff);
-  sum += last;
-  sum = (sum >> 16) + (sum & 0xffff);
-  sum = (sum >> 16) + (sum & 0xffff);
-  sum += sum >> 16;
-  second |= (~sum & 0xffff) << 16;
+  second |= uint64_t{checksumOver(first, second, last)} << 16;
   std::memcpy(header, &first, sizeof(first));
   std::memcpy(header + sizeof(first), &second, sizeof(second));
 }

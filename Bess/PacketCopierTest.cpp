@@ -1,11 +1,14 @@
-#include "Bess/PacketStock.h"
+#include "Bess/PacketCopier.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <numeric>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Bess/PacketPool.h"
@@ -13,15 +16,15 @@
 namespace {
 
 using bess::Packet;
+using bess::PacketCopier;
 using bess::PacketPool;
 using bess::PacketPtr;
-using bess::PacketStock;
 
 constexpr uint16_t kRoom = 1024;
 
-class PacketStockTest : public ::testing::Test {
+class PacketCopierTest : public ::testing::Test {
  protected:
-  PacketStockTest() { std::iota(metadata_.begin(), metadata_.end(), uint8_t{1}); }
+  PacketCopierTest() { std::iota(metadata_.begin(), metadata_.end(), uint8_t{1}); }
 
   static PacketPtr make(PacketPool& pool, const std::string& bytes) {
     PacketPtr pkt(pool.alloc());
@@ -40,10 +43,12 @@ class PacketStockTest : public ::testing::Test {
     return {pkt->headData<const char*>(), pkt->headLen()};
   }
   // Copies `n` times and returns the copies.
-  std::vector<PacketPtr> copy(PacketStock& stock, const PacketPtr& src, size_t n) {
-    std::vector<Packet*> copies(n);
-    copies.resize(stock.copy(src.get(), metadata_.data(), copies.data(), n));
-    return {copies.begin(), copies.end()};
+  std::vector<PacketPtr> copy(PacketCopier& copier, const PacketPtr& src, size_t n) {
+    std::vector<PacketPtr> copies;
+    const size_t made = copier.copy(src.get(), PacketCopier::Metadata::load(metadata_.data()), n,
+                                    [&](Packet* each) { copies.emplace_back(each); });
+    EXPECT_EQ(copies.size(), made);
+    return copies;
   }
   void expectCopy(const PacketPtr& copy, const PacketPtr& src) {
     EXPECT_EQ(bytesOf(copy.get()), bytesOf(src.get()));
@@ -54,15 +59,15 @@ class PacketStockTest : public ::testing::Test {
     EXPECT_EQ(memcmp(copy->metadata<char*>(), metadata_.data(), metadata_.size()), 0);
   }
 
-  PacketPool pool_{"packet-stock-test", 64, kRoom};
+  PacketPool pool_{"packet-copier-test", 64, kRoom};
   std::array<uint8_t, Packet::kMetadataSize> metadata_;
 };
 
-TEST_F(PacketStockTest, copiesDataOfEveryLength) {
+TEST_F(PacketCopierTest, copiesDataOfEveryLength) {
   for (const size_t bytes : {0U, 1U, 63U, 64U, 65U, 256U, 257U, 1000U, 1024U}) {
     const PacketPtr pkt = make(someBytes(bytes));
-    PacketStock stock(1);
-    const std::vector<PacketPtr> copies = copy(stock, pkt, 3);
+    PacketCopier copier;
+    const std::vector<PacketPtr> copies = copy(copier, pkt, 3);
     ASSERT_EQ(copies.size(), 3U) << bytes;
     for (const PacketPtr& each : copies) {
       expectCopy(each, pkt);
@@ -71,16 +76,16 @@ TEST_F(PacketStockTest, copiesDataOfEveryLength) {
   EXPECT_EQ(pool_.inUse(), 0U);
 }
 
-TEST_F(PacketStockTest, copiesShortDataAtTheEndOfItsBuffer) {
+TEST_F(PacketCopierTest, copiesShortDataAtTheEndOfItsBuffer) {
   const PacketPtr pkt = make(someBytes(kRoom));
   ASSERT_TRUE(pkt->adj(kRoom - 10));
-  PacketStock stock(1);
-  const std::vector<PacketPtr> copies = copy(stock, pkt, 2);
+  PacketCopier copier;
+  const std::vector<PacketPtr> copies = copy(copier, pkt, 2);
   ASSERT_EQ(copies.size(), 2U);
   expectCopy(copies[1], pkt);
 }
 
-TEST_F(PacketStockTest, copiesWhatTheBufferSaysOfThePacket) {
+TEST_F(PacketCopierTest, copiesWhatTheBufferSaysOfThePacket) {
   const PacketPtr pkt = make("data");
   rte_mbuf* from = pkt->mbuf();
   from->port = 7;
@@ -92,8 +97,8 @@ TEST_F(PacketStockTest, copiesWhatTheBufferSaysOfThePacket) {
   from->hash.fdir.hi = 0x9abcdef0;
   from->l2_len = 14;
   from->l3_len = 20;
-  PacketStock stock(1);
-  const std::vector<PacketPtr> copies = copy(stock, pkt, 1);
+  PacketCopier copier;
+  const std::vector<PacketPtr> copies = copy(copier, pkt, 1);
   ASSERT_EQ(copies.size(), 1U);
   const rte_mbuf* to = copies[0]->mbuf();
   EXPECT_EQ(to->port, 7);
@@ -108,50 +113,60 @@ TEST_F(PacketStockTest, copiesWhatTheBufferSaysOfThePacket) {
   EXPECT_EQ(to->buf_len, from->buf_len);
 }
 
-TEST_F(PacketStockTest, copiesDataThatIsShared) {
+TEST_F(PacketCopierTest, copiesDataThatIsShared) {
   const PacketPtr pkt = make("shared");
   const PacketPtr clone(Packet::clone(pkt.get()));
-  PacketStock stock(1);
-  const std::vector<PacketPtr> copies = copy(stock, clone, 1);
+  PacketCopier copier;
+  const std::vector<PacketPtr> copies = copy(copier, clone, 1);
   ASSERT_EQ(copies.size(), 1U);
   expectCopy(copies[0], pkt);
 }
 
-TEST_F(PacketStockTest, makesAsManyAsThePoolHas) {
+TEST_F(PacketCopierTest, makesAsManyAsThePoolHas) {
   const PacketPtr pkt = make("data");
-  PacketStock stock(32);
-  std::vector<PacketPtr> copies = copy(stock, pkt, 100);
+  PacketCopier copier;
+  std::vector<PacketPtr> copies = copy(copier, pkt, 100);
   EXPECT_EQ(copies.size(), 63U);
-  EXPECT_EQ(copy(stock, pkt, 1).size(), 0U);
+  EXPECT_EQ(copy(copier, pkt, 1).size(), 0U);
   copies.resize(60);
-  EXPECT_EQ(copy(stock, pkt, 5).size(), 3U) << "what came back is there again";
+  EXPECT_EQ(copy(copier, pkt, 5).size(), 3U) << "what came back is there again";
 }
 
-TEST_F(PacketStockTest, givesBackWhatItDidNotNeed) {
-  const PacketPtr pkt = make("data");
-  {
-    PacketStock stock(32);
-    const std::vector<PacketPtr> copies = copy(stock, pkt, 3);
-    EXPECT_EQ(copies.size(), 3U);
-    EXPECT_EQ(pool_.inUse(), 1U + 32U) << "as many as a batch holds";
+TEST_F(PacketCopierTest, makesAsManyAsACachedPoolHas) {
+  constexpr unsigned kPackets = 2047;
+  PacketPool pool("packet-copier-test-4", kPackets, kRoom);
+  ASSERT_GT(pool.pool()->cache_size, 0U);
+  const PacketPtr pkt = make(pool, "data");
+  PacketCopier copier;
+  for (int turn = 0; turn < 3; ++turn) {
+    std::vector<PacketPtr> copies;
+    std::set<const Packet*> different;
+    for (size_t n = 1; copies.size() < kPackets - 1; n = n % 40 + 1) {
+      const size_t left = kPackets - 1 - copies.size();
+      std::vector<PacketPtr> some = copy(copier, pkt, n);
+      ASSERT_EQ(some.size(), std::min(n, left)) << "of " << left;
+      for (PacketPtr& each : some) {
+        expectCopy(each, pkt);
+        different.insert(each.get());
+        copies.push_back(std::move(each));
+      }
+    }
+    EXPECT_EQ(different.size(), kPackets - 1);
+    EXPECT_TRUE(copy(copier, pkt, 1).empty());
+    EXPECT_EQ(pool.inUse(), kPackets);
   }
-  EXPECT_EQ(pool_.inUse(), 1U);
-  {
-    PacketStock stock(1);
-    const std::vector<PacketPtr> copies = copy(stock, pkt, 3);
-    EXPECT_EQ(pool_.inUse(), 1U + 3U) << "no more than one packet's";
-  }
+  EXPECT_EQ(pool.inUse(), 1U);
 }
 
-TEST_F(PacketStockTest, copiesFromTheOwnPoolOfEach) {
-  PacketPool other("packet-stock-test-2", 64, kRoom);
+TEST_F(PacketCopierTest, copiesFromTheOwnPoolOfEach) {
+  PacketPool other("packet-copier-test-2", 64, kRoom);
   const PacketPtr one = make("one");
   const PacketPtr two = make(other, "two");
   {
-    PacketStock stock(4);
+    PacketCopier copier;
     for (int turn = 0; turn < 3; ++turn) {
-      const std::vector<PacketPtr> ones = copy(stock, one, 2);
-      const std::vector<PacketPtr> twos = copy(stock, two, 2);
+      const std::vector<PacketPtr> ones = copy(copier, one, 2);
+      const std::vector<PacketPtr> twos = copy(copier, two, 2);
       ASSERT_EQ(ones.size(), 2U);
       ASSERT_EQ(twos.size(), 2U);
       EXPECT_EQ(ones[1]->mbuf()->pool, pool_.pool());
@@ -164,18 +179,18 @@ TEST_F(PacketStockTest, copiesFromTheOwnPoolOfEach) {
   EXPECT_EQ(other.inUse(), 1U);
 }
 
-TEST_F(PacketStockTest, makesNoneOfWhatItCannotCopy) {
+TEST_F(PacketCopierTest, makesNoneOfWhatItCannotCopy) {
   const PacketPtr chain = make("one");
   ASSERT_EQ(rte_pktmbuf_chain(chain->mbuf(), make("two").release()->mbuf()), 0);
   const PacketPtr large = make(someBytes(kRoom));
-  PacketPool small("packet-stock-test-3", 8, 256);
+  PacketPool small("packet-copier-test-3", 8, 256);
   const PacketPtr inSmallPool(Packet::from(rte_pktmbuf_clone(large->mbuf(), small.pool())));
   ASSERT_NE(inSmallPool, nullptr);
   {
-    PacketStock stock(1);
-    EXPECT_TRUE(copy(stock, chain, 2).empty());
-    EXPECT_TRUE(copy(stock, inSmallPool, 2).empty()) << "its buffers have no room for the data";
-    EXPECT_TRUE(copy(stock, large, 0).empty());
+    PacketCopier copier;
+    EXPECT_TRUE(copy(copier, chain, 2).empty());
+    EXPECT_TRUE(copy(copier, inSmallPool, 2).empty()) << "its buffers have no room for the data";
+    EXPECT_TRUE(copy(copier, large, 0).empty());
   }
   EXPECT_EQ(pool_.inUse(), 3U);
   EXPECT_EQ(small.inUse(), 1U);
