@@ -94,8 +94,10 @@ class PacketCopier {
 
   // Makes up to `n` deep copies of a packet, from its own pool: its data, input port, offload flags
   // and header lengths, with `metadata` for theirs. Each is handed to `take(Packet*)`, which
-  // neither allocates packets nor frees any. Returns: how many could be made. None of a packet of
-  // several segments, or whose data does not fit a buffer of the pool.
+  // neither allocates packets nor frees any.
+  //
+  // Returns: how many could be made. None of a packet of several segments, of one whose data does
+  // not fit a buffer of the pool, or from a pool whose buffers' data lies outside of them.
   template <class Take>
   size_t copy(const Packet* src, const Metadata& metadata, size_t n, Take take);
 
@@ -138,7 +140,7 @@ template <class Take>
     open(from.pool);
   }
   const uint32_t dataEnd = uint32_t{from.data_off} + from.data_len;
-  if (!src->isLinear() || dataEnd > bufferBytes_) [[unlikely]] {
+  if (!src->isLinear() || dataEnd > bufferBytes_ || bufferBytes_ == 0) [[unlikely]] {
     return 0;
   }
   const uint32_t shortEnd = uint32_t{from.data_off} + kShort;
@@ -171,9 +173,13 @@ template <bool isShort, class Take>
   static_assert(offsetof(rte_mbuf, refcnt) == offsetof(rte_mbuf, data_off) + 2 &&
                 offsetof(rte_mbuf, nb_segs) == offsetof(rte_mbuf, data_off) + 4 &&
                 offsetof(rte_mbuf, port) == offsetof(rte_mbuf, data_off) + 6);
+  constexpr size_t kStart = offsetof(rte_mbuf, data_off);  // data_off .. port, ol_flags
+  static_assert(offsetof(rte_mbuf, ol_flags) == kStart + sizeof(uint64_t));
   constexpr size_t kFields = offsetof(rte_mbuf, packet_type);  // packet_type .. vlan_tci_outer
+  static_assert(offsetof(rte_mbuf, pkt_len) == kFields + sizeof(uint32_t));
   constexpr size_t kLast = offsetof(rte_mbuf, buf_len) - sizeof(Line::Block);
   static_assert(kLast >= kFields && kLast <= kFields + sizeof(Line::Block));
+  static_assert(kLast == offsetof(rte_mbuf, pkt_len) + sizeof(uint16_t));
   constexpr uint16_t kShortCopy = 256;
 
   const char* const source = reinterpret_cast<const char*>(&from);
@@ -184,10 +190,14 @@ template <bool isShort, class Take>
       dataOff | uint64_t{1} << 16 | uint64_t{1} << 32 | uint64_t{from.port} << 48;
   const uint64_t flags = from.ol_flags & ~(RTE_MBUF_F_EXTERNAL | RTE_MBUF_F_INDIRECT);
   const uint64_t txOffload = from.tx_offload;
+  const Line::Block start = {rearm, flags};
   Line::Block fields;
   Line::Block last;
   std::memcpy(&fields, source + kFields, sizeof(fields));
   std::memcpy(&last, source + kLast, sizeof(last));
+  // The packet is as long as its one segment.
+  fields[0] = (fields[0] & UINT32_MAX) | uint64_t{dataLen} << 32;
+  last[0] &= ~uint64_t{UINT16_MAX};
   const Metadata common = metadata;
   const Line bytes = isShort ? Line::load(data) : Line{};
 
@@ -198,11 +208,9 @@ template <bool isShort, class Take>
     prefetch(static_cast<const rte_mbuf*>(*(at - kAhead)), dataOff);
     Packet::annotateAlloc(to);
     char* const mbuf = static_cast<char*>(*at);
-    std::memcpy(&to->rearm_data, &rearm, sizeof(rearm));
-    to->ol_flags = flags;
+    std::memcpy(mbuf + kStart, &start, sizeof(start));
     std::memcpy(mbuf + kFields, &fields, sizeof(fields));
     std::memcpy(mbuf + kLast, &last, sizeof(last));
-    to->pkt_len = dataLen;
     to->tx_offload = txOffload;
     common.store(mbuf + sizeof(rte_mbuf));
     char* const place = static_cast<char*>(to->buf_addr) + dataOff;
@@ -217,6 +225,9 @@ template <bool isShort, class Take>
   }
 }
 
+#if defined(RTE_LIBRTE_MEMPOOL_DEBUG)
+#error "a pool that checks its calls does not know of packets that were taken in place"
+#endif
 // The top of the cache is read where it is: nothing is put there until the copies are made.
 [[gnu::always_inline]] inline PacketCopier::Taken PacketCopier::takeBuffers(size_t wanted,
                                                                             Room& room) const {

@@ -10,7 +10,8 @@
 // Invariants :
 //   (1) a count reaches its entry before the pass has ended.
 //   (2) a pass with a sender sends its batches when it ends; without one, the map has every batch
-//       that outgoing packets were appended to, also before this pass.
+//       that outgoing packets were appended to, also before this pass. With a dry pool there may be
+//       empty ones.
 //   (3) a dropped packet is freed when the pass ends, or before when its memory is needed.
 #pragma once
 
@@ -203,6 +204,9 @@ class ForwardingPass {
   // The places of records: none, then those of the ways out in the order in which they were met.
   static constexpr size_t kNowhere = 0;
   static constexpr size_t kFirst = 1;
+  static constexpr size_t kMaxOpened = 255;     // more ways out take turns with the spare record
+  static constexpr size_t kHashedPlaces = 128;  // of ways without a number
+  static constexpr size_t kProbes = 4;
 
   struct Route {
     MrouteCounterEntry* counters = nullptr;
@@ -229,17 +233,36 @@ class ForwardingPass {
     return out;
   }
 
+  // The record of a way out that the pass has not met, or that has no number.
   [[gnu::noinline]] Outgoing& openWay(const MfibPvSet& route, uint32_t i) {
     const Nynet::IntfId oif = route.oifs[i];
     const auto gate = static_cast<uint16_t>(route.oifGates[i]);
     const uint8_t number = route.oifWays()[i];
-    if (number == WayNumbers::kNone) {
+    uint8_t* const place = number != WayNumbers::kNone ? &places_[number] : hashedPlace(oif, gate);
+    if (place == nullptr || (*place == kNowhere && opened_ == kMaxOpened)) {
       return spare(oif, gate);
     }
-    places_[number] = static_cast<uint8_t>(kFirst + opened_++);
-    return open(outs_[places_[number]], oif, gate);
+    if (*place == kNowhere) {
+      open(outs_[kFirst + opened_], oif, gate);
+      *place = static_cast<uint8_t>(kFirst + opened_++);
+    }
+    return outs_[*place];
   }
 
+  // The place of a way out without a number, or one that it may have. Returns: null for none.
+  uint8_t* hashedPlace(Nynet::IntfId oif, uint16_t gate) {
+    size_t slot = WayNumbers::hash({.intfId = oif.value(), .gate = gate}) % kHashedPlaces;
+    for (size_t probe = 0; probe < kProbes; ++probe) {
+      uint8_t& place = hashedPlaces_[slot];
+      if (place == kNowhere || (outs_[place].intf == oif.value() && outs_[place].gate == gate)) {
+        return &place;
+      }
+      slot = (slot + 1) % kHashedPlaces;
+    }
+    return nullptr;
+  }
+
+  // For ways out that find no other place, one after the other.
   Outgoing& spare(Nynet::IntfId oif, uint16_t gate) {
     Outgoing& out = spare_;
     if (spareUsed_) {
@@ -247,9 +270,11 @@ class ForwardingPass {
         return out;
       }
       settle(out);
+      spareUsed_ = false;
     }
+    open(out, oif, gate);
     spareUsed_ = true;
-    return open(out, oif, gate);
+    return out;
   }
 
   // The spare record does not remember its batches.
@@ -355,10 +380,11 @@ class ForwardingPass {
   Ways ways_;
   size_t opened_ = 0;
   bool spareUsed_ = false;
-  // By the number of a way out: the place of its record, kNowhere when it has none.
-  Outgoing spare_;  // ways out without a number take turns with it
+  // The place of a way out's record, kNowhere when it has none: by its number, or hashed.
   std::array<uint8_t, kFirst + WayNumbers::kMost> places_{};
-  std::array<Outgoing, kFirst + WayNumbers::kMost> outs_;  // of the ways, opened_ are in use
+  std::array<uint8_t, kHashedPlaces> hashedPlaces_{};
+  std::array<Outgoing, kFirst + kMaxOpened> outs_;  // of the ways, opened_ are in use
+  Outgoing spare_;
 };
 
 }  // namespace SfeModules

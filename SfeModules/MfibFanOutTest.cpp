@@ -47,7 +47,7 @@ class MfibFanOut : public PacketFixture {
   const Flow flow_{frames::kEthernetV4};
 };
 
-// More ways out than a pass remembers, over several bursts of copies.
+// More ways out than have numbers, over several bursts of copies.
 TEST_F(MfibFanOut, reachesEveryOneOf300Interfaces) {
   constexpr unsigned kOifs = 300;
   PacketCase row = flow_.row("wide", flow_.ip());
@@ -73,6 +73,28 @@ TEST_F(MfibFanOut, reachesEveryOneOf300Interfaces) {
 }
 
 // A, B, B, A, unknown, A: each counts where it belongs.
+// More than a pass remembers.
+TEST_F(MfibFanOut, reachesEveryOneOf600Interfaces) {
+  constexpr unsigned kOifs = 600;
+  PacketCase row = flow_.row("wider", flow_.ip());
+  row.routes[0].oifs = oifs(0, kOifs);
+  prepare(row);
+  const size_t inUse = packetsInUse();
+  {
+    std::vector<bess::PacketPtr> batch;
+    batch.push_back(arriving(row.input, row.arrival));
+    batch.push_back(arriving(row.input, row.arrival));
+    EXPECT_EQ(receiveBatch(std::move(batch)).total(), 2 * kOifs);
+    bess::testing::Output out;
+    EXPECT_TRUE(process(row.input, row.arrival, out));
+    EXPECT_EQ(out.total(), kOifs) << "by way of a map of batches";
+  }
+  for (unsigned i = 0; i < kOifs; ++i) {
+    EXPECT_EQ(intfCounters(oif(i))->pktsOut, 3U) << i;
+  }
+  EXPECT_EQ(packetsInUse(), inUse);
+}
+
 TEST_F(MfibFanOut, keepsTheRoutesOfABatchApart) {
   PacketCase row = flow_.row("two", flow_.ip());
   row.routes[0].oifs = oifs(0, 2);

@@ -372,7 +372,8 @@ inline void Mfib::sendOriginal(PacketWork& work, const MfibPvSet& entry, uint8_t
   work.pass->append(out, work.pkt, work.pkt->totalLen());
 }
 
-// What the metadata of a packet's copies have in common: all that sendOriginal() sets is among it.
+// What the metadata of a packet's copies have in common: all that sendOriginal() sets is
+// among it, or is set for each copy.
 inline bess::PacketCopier::Metadata Mfib::metadataOfCopies(const PacketWork& work,
                                                            uint8_t gateSelect) const {
   using Meta = ForwardingMetadata;

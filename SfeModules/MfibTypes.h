@@ -154,8 +154,8 @@ struct MfibPvSet {
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
 
-  // Fetches what the packet path reads, up to the first interfaces. Always inline: to the compiler
-  // a function that only prefetches does nothing, and a call of it may go.
+  // Fetches what the packet path reads, up to the numbers of the first ways out. Always inline: to
+  // the compiler a function that only prefetches does nothing, and a call of it may go.
   [[gnu::always_inline]] void prefetch() const {
     const char* hot = reinterpret_cast<const char*>(&counters);
     __builtin_prefetch(hot);

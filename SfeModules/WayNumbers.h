@@ -19,6 +19,13 @@ class WayNumbers {
   static constexpr size_t kMost = 255;
   static constexpr uint8_t kNone = 0;  // no way's number
 
+  // A number of 16 bits. Multiplicative hashing: the numbers of interfaces differ in few bits,
+  // anywhere.
+  static size_t hash(const IntfGateKey& way) {
+    constexpr uint64_t kGoldenRatio = 0x9e3779b97f4a7c15;
+    return ((way.intfId + way.gate) * kGoldenRatio) >> 48;
+  }
+
   // Returns: the way's number. A new way gets the next one, kNone when there is no more.
   uint8_t of(const IntfGateKey& way) {
     size_t slot = slotOf(way);
@@ -36,8 +43,7 @@ class WayNumbers {
   }
 
  private:
-  static constexpr unsigned kSlotBits = 9;
-  static constexpr size_t kSlots = size_t{1} << kSlotBits;
+  static constexpr size_t kSlots = 512;
   static_assert(kSlots > kMost, "a search ends at a free slot");
 
   struct Slot {
@@ -45,11 +51,7 @@ class WayNumbers {
     uint8_t number = kNone;
   };
 
-  // Multiplicative hashing: the numbers of interfaces differ in few bits, anywhere.
-  static size_t slotOf(const IntfGateKey& way) {
-    constexpr uint64_t kGoldenRatio = 0x9e3779b97f4a7c15;
-    return ((way.intfId + way.gate) * kGoldenRatio) >> (64 - kSlotBits);
-  }
+  static size_t slotOf(const IntfGateKey& way) { return hash(way) % kSlots; }
 
   std::array<Slot, kSlots> slots_;
   size_t given_ = 0;

@@ -54,7 +54,10 @@ void FlowSource::fill(State& state, bess::PacketBatch* batch) {
   for (bess::Packet* pkt : *batch) {
     const Flow& flow = lane.flows[state.cursor];
     state.cursor = state.cursor + 1 == lane.flows.size() ? 0 : state.cursor + 1;
-    char* data = static_cast<char*>(pkt->append(bytes));
+    // As a driver fills a buffer.
+    pkt->mbuf()->data_len = bytes;
+    pkt->mbuf()->pkt_len = bytes;
+    char* data = pkt->headData();
     rte_memcpy(data, frame.bytes.data(), bytes);
     std::memcpy(data + frame.wordOffset, &flow.word, sizeof(flow.word));
     if (frame.checksumOffset != 0) {
