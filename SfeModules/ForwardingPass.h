@@ -75,10 +75,14 @@ class ForwardingPass {
     std::array<Outgoing*, kMaxWays> outs;
   };
 
+  // By the number of a way out, the counters of its interface.
+  using WayCounters = std::array<CountersMemo<IntfCounterEntry>, 1 + WayNumbers::kMost>;
+
   // What a pass knows of its module.
   struct Tables {
     const IntfSet& multicastIntfs;
     IntfCounters& intfCounters;
+    WayCounters& wayCounters;
     const PacketFates& fates;
   };
 
@@ -94,6 +98,7 @@ class ForwardingPass {
         sender_(sender),
         multicastIntfs_(tables.multicastIntfs),
         intfCounters_(tables.intfCounters),
+        wayCounters_(tables.wayCounters),
         fates_(tables.fates) {
     outs_[kNowhere].batch = nullptr;
   }
@@ -221,14 +226,14 @@ class ForwardingPass {
           .counters = &countingEntry(intfCounters_, intf)};
   }
 
-  Outgoing& open(Outgoing& out, Nynet::IntfId oif, uint16_t gate) {
+  Outgoing& open(Outgoing& out, Nynet::IntfId oif, uint16_t gate, IntfCounterEntry& counters) {
     out = {.intf = oif.value(),
            .gate = gate,
            .bytes = 0,
            .next = nullptr,
            .end = nullptr,
            .batch = nullptr,
-           .counters = &countingEntry(intfCounters_, oif.value()),
+           .counters = &counters,
            .vlanId = Nynet::VlanIntfId::vlanId(oif)};
     return out;
   }
@@ -243,10 +248,23 @@ class ForwardingPass {
       return spare(oif, gate);
     }
     if (*place == kNowhere) {
-      open(outs_[kFirst + opened_], oif, gate);
+      open(outs_[kFirst + opened_], oif, gate, countersOf(oif, number));
       *place = static_cast<uint8_t>(kFirst + opened_++);
     }
     return outs_[*place];
+  }
+
+  IntfCounterEntry& countersOf(Nynet::IntfId oif, uint8_t number) {
+    if (number == WayNumbers::kNone) {
+      return countingEntry(intfCounters_, oif.value());
+    }
+    const uint64_t departures = intfCounters_.departures();
+    IntfCounterEntry* counters = wayCounters_[number].get(departures);
+    if (counters == nullptr) {
+      counters = &countingEntry(intfCounters_, oif.value());
+      wayCounters_[number].put(departures, counters);
+    }
+    return revive(*counters);
   }
 
   // The place of a way out without a number, or one that it may have. Returns: null for none.
@@ -272,7 +290,7 @@ class ForwardingPass {
       settle(out);
       spareUsed_ = false;
     }
-    open(out, oif, gate);
+    open(out, oif, gate, countingEntry(intfCounters_, oif.value()));
     spareUsed_ = true;
     return out;
   }
@@ -369,6 +387,7 @@ class ForwardingPass {
   Module* const sender_;
   const IntfSet& multicastIntfs_;
   IntfCounters& intfCounters_;
+  WayCounters& wayCounters_;
   const PacketFates& fates_;
 
   bess::PacketCopier copier_;

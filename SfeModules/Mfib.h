@@ -215,6 +215,10 @@ class Mfib : public Module {
   void mountCounterTables();
   void destroyTables();
 
+  ForwardingPass::Tables tables() {
+    return {*multicastIntfTable_, *intfCounterTable_, wayCounters_, fates_};
+  }
+
   // What is done for all packets of a batch before the first one is decided on.
   [[gnu::always_inline]] PacketWork& arrive(void* room,
                                             bess::Packet* pkt,
@@ -332,7 +336,8 @@ class Mfib : public Module {
   PacketFates fates_;                 // named by Init after family and VRF
   NotificationCounts notifications_;  // likewise
   sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
-  WayNumbers wayNumbers_;             // control: of every way out that a route has had
+  ForwardingPass::WayCounters wayCounters_;
+  WayNumbers wayNumbers_;  // control: of every way out that a route has had
   static constexpr uint32_t kFewestBuckets = 128;
   uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
   // Written by control, before a route is in the table and after it is out: workers look for no

@@ -13,7 +13,7 @@ bool Mfib::ProcessPacket(Context* ctx,
                          bool reinjected,
                          OutputBatchMap& map,
                          TimePoint now) {
-  ForwardingPass pass(ctx, now, map, {*multicastIntfTable_, *intfCounterTable_, fates_}, nullptr);
+  ForwardingPass pass(ctx, now, map, tables(), nullptr);
   BatchWork room;
   PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
@@ -27,8 +27,7 @@ bool Mfib::ProcessPacket(Context* ctx,
 // while the others are looked at.
 void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   OutputBatchMap map(1);
-  ForwardingPass pass(ctx, Clock::now(), map, {*multicastIntfTable_, *intfCounterTable_, fates_},
-                      this);
+  ForwardingPass pass(ctx, Clock::now(), map, tables(), this);
   BatchWork room;
   PacketWork* const begin = room.packets();
   PacketWork* const end = begin + batch->cnt();

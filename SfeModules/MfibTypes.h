@@ -89,24 +89,25 @@ struct Mfib_U64 {
 
 struct MrouteCounterEntry;
 
-// Where a route's counter entry was found last, for the workers that forward by the route.
+// Where a counter entry was found last, that of a route or of an interface.
 //
 // Threads    : workers, any number at once. RCU: see NyRcuHt::departures().
+template <class Entry>
 class CountersMemo {
  public:
   // `departures`: the counter table's number, read in this read side. Returns: the entry, null when
   // it has to be looked for.
-  MrouteCounterEntry* get(uint64_t departures) const {
+  Entry* get(uint64_t departures) const {
     if (seenAt_.load(std::memory_order_acquire) != departures) {
       return nullptr;
     }
-    MrouteCounterEntry* entry = entry_.load(std::memory_order_acquire);
+    Entry* entry = entry_.load(std::memory_order_acquire);
     return seenAt_.load(std::memory_order_relaxed) == departures ? entry : nullptr;
   }
 
   // `departures`: as it was before the entry was looked for. A note only gives way to a later one:
   // the number never comes back, so get() cannot take another number's entry for its own.
-  void put(uint64_t departures, MrouteCounterEntry* entry) {
+  void put(uint64_t departures, Entry* entry) {
     uint64_t seen = seenAt_.load(std::memory_order_relaxed);
     if (seen < departures && seenAt_.compare_exchange_strong(seen, kChanging)) {
       entry_.store(entry, std::memory_order_release);
@@ -119,7 +120,7 @@ class CountersMemo {
   static constexpr uint64_t kChanging = UINT64_MAX;
 
   std::atomic<uint64_t> seenAt_{kNever};
-  std::atomic<MrouteCounterEntry*> entry_{nullptr};
+  std::atomic<Entry*> entry_{nullptr};
 };
 
 // Until when a route has nothing to tell of one wrong interface: the first one that it met.
@@ -169,10 +170,10 @@ struct MfibPvSet {
 
   mutable QuietMemo quiet;
   TimePoint createTime = Clock::now();
-  Nynet::IntfId iifFrr;           // stored and shown; the packet path does not use it
-  Nynet::IntfId notify;           // likewise
-  Nynet::IntfId fastdrop;         // likewise
-  mutable CountersMemo counters;  // of the route's own (S,G)
+  Nynet::IntfId iifFrr;    // stored and shown; the packet path does not use it
+  Nynet::IntfId notify;    // likewise
+  Nynet::IntfId fastdrop;  // likewise
+  mutable CountersMemo<MrouteCounterEntry> counters;  // of the route's own (S,G)
   Nynet::IntfId iif;
   Nynet::IntfId* oifs = nullptr;  // numOifs long; null without interfaces
   uint32_t* oifGates = nullptr;   // likewise; oifGates[i] reaches oifs[i]
