@@ -15,12 +15,13 @@ namespace SfeModules {
 namespace {
 
 // One network namespace and one system name for the whole program. What it mounts, the state file
-// system say, nobody else sees.
+// system say, nobody else sees; its shared memory ends with it, also when a test has it die.
 class Isolation : public ::testing::Environment {
  public:
   void SetUp() override {
     if (geteuid() == 0 && (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)) {
+                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                           mount("tmpfs", "/dev/shm", "tmpfs", 0, nullptr) != 0)) {
       throw std::runtime_error("cannot make namespaces of the test's own");
     }
     setenv("SYSNAME", ("test" + std::to_string(getpid())).c_str(), 1);
