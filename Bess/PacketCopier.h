@@ -70,20 +70,20 @@ class PacketCopier {
     // The 8 bytes from `offset` on, which is a multiple of 8.
     template <size_t offset>
     [[gnu::always_inline]] uint64_t word() const {
-      return block<offset>()[offset % sizeof(Line::Block) / sizeof(uint64_t)];
+      return block<offset>(*this)[offset % sizeof(Line::Block) / sizeof(uint64_t)];
     }
     template <size_t offset>
     [[gnu::always_inline]] void wordIs(uint64_t word) {
-      const_cast<Line::Block&>(block<offset>())[offset % sizeof(Line::Block) / sizeof(word)] = word;
+      block<offset>(*this)[offset % sizeof(Line::Block) / sizeof(word)] = word;
     }
 
    private:
     Metadata(const Line& first, const Line& second) : first_(first), second_(second) {}
 
-    template <size_t offset>
-    [[gnu::always_inline]] const Line::Block& block() const {
+    template <size_t offset, class Self>
+    [[gnu::always_inline]] static auto& block(Self& self) {
       static_assert(offset % sizeof(uint64_t) == 0 && offset < Packet::kMetadataSize);
-      const Line& line = offset < sizeof(Line) ? first_ : second_;
+      auto& line = offset < sizeof(Line) ? self.first_ : self.second_;
       constexpr size_t kBlock = offset % sizeof(Line) / sizeof(Line::Block);
       return kBlock == 0 ? line.a : kBlock == 1 ? line.b : kBlock == 2 ? line.c : line.d;
     }

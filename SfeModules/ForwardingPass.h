@@ -62,6 +62,7 @@ class ForwardingPass {
     IntfCounterEntry* counters;
     uint16_t vlanId;  // of the interface, 0 when it has none
   };
+
   static constexpr size_t kMaxWays = 64;
 
   // The ways out of a route's second and further interfaces, one after the other, each with a

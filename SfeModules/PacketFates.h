@@ -24,7 +24,7 @@ enum class Fate : uint8_t {
   kHeld,                  // a copy waits for the route
   kReinjected,            // a held packet came back
   kCopied,                // copies made for the second and further interfaces
-  kCopyFailed,            // copies that could not be made: the pool was dry
+  kCopyFailed,            // copies that could not be made
   kDropCutOff,            // a header is not all there
   kDropPim,               // PIM that is no Register with data
   kDropLinkLocal,         // a group of the local network control block
