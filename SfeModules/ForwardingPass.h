@@ -241,8 +241,8 @@ class ForwardingPass {
 
   // The record of a way out that the pass has not met, or that has no number.
   [[gnu::noinline]] Outgoing& openWay(const MfibPvSet& route, uint32_t i) {
-    const Nynet::IntfId oif = route.oifs[i];
-    const auto gate = static_cast<uint16_t>(route.oifGates[i]);
+    const Nynet::IntfId oif = route.oifs()[i];
+    const auto gate = static_cast<uint16_t>(route.oifGates()[i]);
     const uint8_t number = route.oifWays()[i];
     uint8_t* const place = number != WayNumbers::kNone ? &places_[number] : hashedPlace(oif, gate);
     if (place == nullptr || (*place == kNowhere && opened_ == kMaxOpened)) {

@@ -119,6 +119,7 @@ inline bool Mfib::recallCounters(PacketWork& work,
     work.routeCounters = previous->routeCounters;
     return true;
   }
+  work.sourceGroup->prefetchFurtherWays();
   work.routeCounters = work.sourceGroup->counters.get(departures);
   __builtin_prefetch(work.routeCounters, 1);
   return work.routeCounters != nullptr;

@@ -350,8 +350,8 @@ class MfibExplain::Walk {
     std::string leaves;
     bool firstLeaves = true;
     for (uint32_t i = 0; i < entry.numOifs; ++i) {
-      const std::string intf = intfText(entry.oifs[i]);
-      const auto gate = static_cast<uint16_t>(entry.oifGates[i]);
+      const std::string intf = intfText(entry.oifs()[i]);
+      const auto gate = static_cast<uint16_t>(entry.oifGates()[i]);
       const std::string text = intf + " by gate " + std::to_string(gate);
       if (!permitsGate(gateSelect, gate)) {
         story_.no("oif", text + ": a packet with a gate selection leaves by gates 1 and 2 only");
@@ -359,8 +359,8 @@ class MfibExplain::Walk {
         continue;
       }
       story_.ok("oif", text);
-      countIntf(entry.oifs[i], "packets_out");
-      countIntf(entry.oifs[i], "bytes_out");
+      countIntf(entry.oifs()[i], "packets_out");
+      countIntf(entry.oifs()[i], "bytes_out");
       if (i > 0) {
         story_.counts(mfib_.fates_.name(Fate::kCopied));
       }

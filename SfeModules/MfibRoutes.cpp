@@ -88,8 +88,8 @@ CommandResponse Mfib::addMroute(const sfe::pb::MfibRouteArg& arg) {
   ensureMrouteRecord(key);
   for (uint32_t i = 0; i < entry->numOifs; ++i) {
     const sfe::pb::OifArg& oif = arg.oifs(static_cast<int>(i));
-    entry->oifGates[i] = oif.gate();
-    entry->oifs[i] = Nynet::IntfId(oif.intf_id());
+    entry->oifGates()[i] = oif.gate();
+    entry->oifs()[i] = Nynet::IntfId(oif.intf_id());
     entry->oifWays()[i] =
         wayNumbers_.of({.intfId = oif.intf_id(), .gate = static_cast<uint16_t>(oif.gate())});
     SFE_TRACE_AS(kAddSignature, "Mfib", 7, "OIF gate: ", oif.gate());

@@ -44,16 +44,16 @@ TEST(MfibKey, isBuiltOverZeroesAndComparesEveryByte) {
 
 TEST(MfibPvSet, withoutInterfacesHasNoArrays) {
   const std::shared_ptr<MfibPvSet> none = MfibPvSet::make(0);
-  EXPECT_EQ(none->oifGates, nullptr);
-  EXPECT_EQ(none->oifs, nullptr);
+  EXPECT_EQ(none->oifGates(), nullptr);
+  EXPECT_EQ(none->oifs(), nullptr);
   for (const uint32_t count : {1U, 2U, 5U, 64U}) {
     const std::shared_ptr<MfibPvSet> entry = MfibPvSet::make(count);
     EXPECT_EQ(entry->numOifs, count);
     for (uint32_t i = 0; i < count; ++i) {
-      EXPECT_EQ(entry->oifGates[i], 0U);
-      EXPECT_TRUE(entry->oifs[i].isNone());
-      entry->oifs[i] = Nynet::IntfId(~uint64_t{0});
-      entry->oifGates[i] = ~uint32_t{0};
+      EXPECT_EQ(entry->oifGates()[i], 0U);
+      EXPECT_TRUE(entry->oifs()[i].isNone());
+      entry->oifs()[i] = Nynet::IntfId(~uint64_t{0});
+      entry->oifGates()[i] = ~uint32_t{0};
     }
     EXPECT_FALSE(entry->iifRegister) << "they are beside the entry";
     EXPECT_TRUE(entry->fastdrop.isNone());
@@ -160,11 +160,11 @@ TEST_F(MfibRoutes, addingFillsEveryFieldOfTheEntry) {
   EXPECT_TRUE(added->iifRegister);
   EXPECT_TRUE(added->oifRegister);
   ASSERT_EQ(added->numOifs, 3U);
-  const std::vector<uint32_t> gates(added->oifGates, added->oifGates + 3);
+  const std::vector<uint32_t> gates(added->oifGates(), added->oifGates() + 3);
   EXPECT_EQ(gates, (std::vector<uint32_t>{7, 3, 9}));
-  EXPECT_EQ(added->oifs[0].value(), id("Ethernet5"));
-  EXPECT_EQ(added->oifs[1].value(), id("Vlan100"));
-  EXPECT_EQ(added->oifs[2].value(), id("Ethernet5"));
+  EXPECT_EQ(added->oifs()[0].value(), id("Ethernet5"));
+  EXPECT_EQ(added->oifs()[1].value(), id("Vlan100"));
+  EXPECT_EQ(added->oifs()[2].value(), id("Ethernet5"));
   EXPECT_EQ(added->dstMac, (MacAddr{0x01, 0x00, 0x5e, 0x01, 0x01, 0x02}));
   EXPECT_EQ(added->createTime, ManualClock::now());
 }
@@ -189,7 +189,7 @@ TEST_F(MfibRoutes, addingAgainReplacesTheWholeEntryAndCountsTheCommand) {
   EXPECT_TRUE(second->notify.isNone()) << "nothing of the old entry is kept";
   EXPECT_FALSE(second->oifRegister);
   EXPECT_FALSE(second->toCpu);
-  EXPECT_EQ(second->oifs[0].value(), id("Ethernet6"));
+  EXPECT_EQ(second->oifs()[0].value(), id("Ethernet6"));
   EXPECT_EQ(second->createTime, ManualClock::now());
   EXPECT_EQ(first->iif.value(), id("Ethernet1")) << "a reader's entry stays as it was";
   EXPECT_EQ(first->createTime, ManualClock::now() - std::chrono::seconds(1));
@@ -363,7 +363,7 @@ TEST_F(MfibRoutes, aDeletedEntryLivesOnForWhoeverHoldsIt) {
   deleteRoute(kSource, kGroup);
   urcu_qsbr_barrier();
   EXPECT_EQ(held.use_count(), 1);
-  EXPECT_EQ(held->oifGates[0], 5U);
+  EXPECT_EQ(held->oifGates()[0], 5U);
 }
 
 TEST_F(MfibRoutes, areAllThereWhileTheTableGrowsAndShrinks) {

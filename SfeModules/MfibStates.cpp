@@ -49,11 +49,11 @@ void putOifs(bess::StateTable& table, const MfibPvSet& entry) {
     if (i > 0) {
       text += ',';
     }
-    entry.oifs[i].appendTo(text);
+    entry.oifs()[i].appendTo(text);
     text += ':';
     std::array<char, 12> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     text.append(digits.data(),
-                std::to_chars(digits.data(), digits.data() + digits.size(), entry.oifGates[i]).ptr);
+                std::to_chars(digits.data(), digits.data() + digits.size(), entry.oifGates()[i]).ptr);
   }
 }
 

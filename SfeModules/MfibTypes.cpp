@@ -1,5 +1,7 @@
 #include "SfeModules/MfibTypes.h"
 
+#include <rte_common.h>
+
 #include <new>
 
 #include "Base/NySlab/NySlab.h"
@@ -8,7 +10,7 @@ namespace SfeModules {
 
 namespace {
 
-// Allocates objects with so many bytes behind them.
+// Allocates objects with so many bytes behind them, in whole cache lines.
 template <class T>
 struct RoomBehind {
   using value_type = T;  // the standard's name
@@ -18,8 +20,9 @@ struct RoomBehind {
   RoomBehind(const RoomBehind<U>& other)
       : bytes(other.bytes) {}  // NOLINT(google-explicit-constructor)
 
-  T* allocate(size_t n) { return static_cast<T*>(NySlab::slabAlloc(n * sizeof(T) + bytes)); }
-  void deallocate(T* memory, size_t n) { NySlab::slabFree(memory, n * sizeof(T) + bytes); }
+  T* allocate(size_t n) { return static_cast<T*>(NySlab::slabAlloc(lines(n * sizeof(T) + bytes))); }
+  void deallocate(T* memory, size_t n) { NySlab::slabFree(memory, lines(n * sizeof(T) + bytes)); }
+  static size_t lines(size_t size) { return RTE_ALIGN_CEIL(size, RTE_CACHE_LINE_SIZE); }
   friend bool operator==(const RoomBehind&, const RoomBehind&) = default;
 
   size_t bytes;
@@ -28,18 +31,16 @@ struct RoomBehind {
 }  // namespace
 
 std::shared_ptr<MfibPvSet> MfibPvSet::make(uint32_t oifCount) {
-  constexpr size_t kAlign = alignof(Nynet::IntfId);
-  const size_t wayBytes = (size_t{oifCount} + kAlign - 1) / kAlign * kAlign;
+  const size_t ways = wayBytes(oifCount);
   const size_t oifBytes = oifCount * sizeof(Nynet::IntfId);
-  const RoomBehind<MfibPvSet> room(wayBytes + oifBytes + oifCount * sizeof(uint32_t));
+  const RoomBehind<MfibPvSet> room(ways + oifBytes + oifCount * sizeof(uint32_t));
   auto entry = std::allocate_shared<MfibPvSet>(room);
   entry->numOifs = oifCount;
   if (oifCount > 0) {
     // The entry is the last part of what was allocated.
-    auto* behind = reinterpret_cast<unsigned char*>(entry.get() + 1);
-    new (behind) uint8_t[wayBytes]();
-    entry->oifs = new (behind + wayBytes) Nynet::IntfId[oifCount];
-    entry->oifGates = new (behind + wayBytes + oifBytes) uint32_t[oifCount]();
+    new (entry->oifWays()) uint8_t[ways]();
+    new (entry->oifs()) Nynet::IntfId[oifCount];
+    new (entry->oifGates()) uint32_t[oifCount]();
   }
   return entry;
 }

@@ -150,17 +150,22 @@ class QuietMemo {
 };
 
 // The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, the
-// numbers of its ways out first: of all these the packet path mostly reads no more.
+// numbers of its ways out first.
+//
+// Layout     : what the packet path reads is one cache line, from `counters` to the numbers of the
+//              first sixteen ways out.
 struct MfibPvSet {
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
 
-  // Fetches what the packet path reads, up to the numbers of the first ways out. Always inline: to
-  // the compiler a function that only prefetches does nothing, and a call of it may go.
-  [[gnu::always_inline]] void prefetch() const {
-    const char* hot = reinterpret_cast<const char*>(&counters);
-    __builtin_prefetch(hot);
-    __builtin_prefetch(hot + RTE_CACHE_LINE_SIZE);
+  // Fetches what the packet path reads. Always inline: to the compiler a function that only
+  // prefetches does nothing, and a call of it may go.
+  [[gnu::always_inline]] void prefetch() const { __builtin_prefetch(&counters); }
+  // The rest of it, where there are many ways out. Requires: prefetched.
+  [[gnu::always_inline]] void prefetchFurtherWays() const {
+    if (numOifs > kWaysBeside) {
+      __builtin_prefetch(oifWays() + kWaysBeside);
+    }
   }
 
   // For each outgoing interface, the number of its way out (WayNumbers), 0 when it has none.
@@ -168,20 +173,42 @@ struct MfibPvSet {
   uint8_t* oifWays() { return reinterpret_cast<uint8_t*>(this + 1); }
   const uint8_t* oifWays() const { return reinterpret_cast<const uint8_t*>(this + 1); }
 
+  // The outgoing interfaces, numOifs of them, and their gates: oifGates()[i] reaches oifs()[i].
+  // Returns: null without interfaces.
+  Nynet::IntfId* oifs() { return behindWays<Nynet::IntfId>(0); }
+  const Nynet::IntfId* oifs() const { return behindWays<const Nynet::IntfId>(0); }
+  uint32_t* oifGates() { return behindWays<uint32_t>(numOifs * sizeof(Nynet::IntfId)); }
+  const uint32_t* oifGates() const {
+    return behindWays<const uint32_t>(numOifs * sizeof(Nynet::IntfId));
+  }
+
+  // Of the memory behind an entry, what the numbers of so many ways out take.
+  static constexpr size_t wayBytes(uint32_t oifCount) {
+    constexpr size_t kAlign = alignof(Nynet::IntfId);
+    return (size_t{oifCount} + kAlign - 1) / kAlign * kAlign;
+  }
+
+  static constexpr uint32_t kWaysBeside = 16;
+
   mutable QuietMemo quiet;
-  TimePoint createTime = Clock::now();
   Nynet::IntfId iifFrr;    // stored and shown; the packet path does not use it
   Nynet::IntfId notify;    // likewise
   Nynet::IntfId fastdrop;  // likewise
   mutable CountersMemo<MrouteCounterEntry> counters;  // of the route's own (S,G)
+  TimePoint createTime = Clock::now();
   Nynet::IntfId iif;
-  Nynet::IntfId* oifs = nullptr;  // numOifs long; null without interfaces
-  uint32_t* oifGates = nullptr;   // likewise; oifGates[i] reaches oifs[i]
   uint32_t numOifs = 0;
   MacAddr dstMac{};
   bool iifRegister = false;
   bool oifRegister = false;
   bool toCpu = false;  // stored and shown, as above
+
+ private:
+  template <class T>
+  T* behindWays(size_t offset) const {
+    const uint8_t* at = oifWays() + wayBytes(numOifs) + offset;
+    return numOifs == 0 ? nullptr : reinterpret_cast<T*>(const_cast<uint8_t*>(at));
+  }
 };
 
 // A counter that several workers add to: the instructions of a plain `+= n`, with its lost updates

@@ -140,13 +140,13 @@ class RoutePrinter {
     at = putIntf(put(at, "\nIif: "), entry.iif);
     at = putMiddle(at, entry);
     for (uint32_t i = 0; i < entry.numOifs; ++i) {
-      at = put(makeRoom(at), names_.of(entry.oifs[i]));
+      at = put(makeRoom(at), names_.of(entry.oifs()[i]));
       *at++ = ' ';
     }
     at -= entry.numOifs > 0 ? 1 : 0;
     at = put(at, "\nOifGates: ");
     for (uint32_t i = 0; i < entry.numOifs; ++i) {
-      at = putNumber(makeRoom(at), entry.oifGates[i]);
+      at = putNumber(makeRoom(at), entry.oifGates()[i]);
       *at++ = ' ';
     }
     at -= entry.numOifs > 0 ? 1 : 0;

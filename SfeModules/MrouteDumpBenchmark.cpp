@@ -32,8 +32,8 @@ void dumpRoutes(benchmark::State& state) {
     auto entry = MfibPvSet::make(4);
     entry->iif = Nynet::IntfId::fromName("Ethernet1");
     for (uint32_t i = 0; i < entry->numOifs; ++i) {
-      entry->oifs[i] = Nynet::IntfId::fromName("Ethernet" + std::to_string(i + 2));
-      entry->oifGates[i] = i + 1;
+      entry->oifs()[i] = Nynet::IntfId::fromName("Ethernet" + std::to_string(i + 2));
+      entry->oifGates()[i] = i + 1;
     }
     MfibTestPeer::routes(*mfib).insert(MfibKey::of(source.data(), group.data(), kIpv4AddrLen),
                                        std::move(entry));

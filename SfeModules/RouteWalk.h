@@ -134,8 +134,8 @@ inline void touchEntries(std::span<const FoundRoutes::Route> routes) {
   }
   for (const auto& [key, entry] : routes) {
     if (entry->numOifs > 0) {
-      touch(entry->oifs[entry->numOifs - 1]);
-      touch(entry->oifGates[entry->numOifs - 1]);
+      touch(entry->oifs()[entry->numOifs - 1]);
+      touch(entry->oifGates()[entry->numOifs - 1]);
     }
   }
 }
