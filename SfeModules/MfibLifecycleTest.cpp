@@ -433,7 +433,7 @@ TEST_F(MfibLifecycle, teardownFreesRoutesWithoutAMessage) {
   EXPECT_TRUE(notifications().empty());
   EXPECT_TRUE(other.expired());
   EXPECT_EQ(held.use_count(), 1) << "a reader's entry lives on";
-  EXPECT_EQ(held->oifs[0].value(), id("Ethernet1"));
+  EXPECT_EQ(held->oifs()[0].value(), id("Ethernet1"));
   EXPECT_TRUE(times->contains(5));
 }
 

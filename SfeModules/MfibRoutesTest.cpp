@@ -56,6 +56,10 @@ TEST(MfibPvSet, withoutInterfacesHasNoArrays) {
       entry->oifGates()[i] = ~uint32_t{0};
     }
     EXPECT_FALSE(entry->iifRegister) << "they are beside the entry";
+    EXPECT_EQ(0U, reinterpret_cast<uintptr_t>(&entry->counters) % RTE_CACHE_LINE_SIZE);
+    EXPECT_EQ(RTE_CACHE_LINE_SIZE, reinterpret_cast<uintptr_t>(entry->oifWays()) -
+                                       reinterpret_cast<uintptr_t>(&entry->counters) +
+                                       MfibPvSet::kWaysBeside);
     EXPECT_TRUE(entry->fastdrop.isNone());
   }
 }

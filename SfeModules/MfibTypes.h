@@ -153,7 +153,7 @@ class QuietMemo {
 // numbers of its ways out first.
 //
 // Layout     : what the packet path reads is one cache line, from `counters` to the numbers of the
-//              first sixteen ways out.
+//              first sixteen ways out; of an entry with more than about 300 it may be two.
 struct MfibPvSet {
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
@@ -161,7 +161,7 @@ struct MfibPvSet {
   // Fetches what the packet path reads. Always inline: to the compiler a function that only
   // prefetches does nothing, and a call of it may go.
   [[gnu::always_inline]] void prefetch() const { __builtin_prefetch(&counters); }
-  // The rest of it, where there are many ways out. Requires: prefetched.
+  // The next line, where there are many ways out. Requires: prefetched.
   [[gnu::always_inline]] void prefetchFurtherWays() const {
     if (numOifs > kWaysBeside) {
       __builtin_prefetch(oifWays() + kWaysBeside);
@@ -254,12 +254,12 @@ struct IntfCounterEntry {
 
 // What was counted for a route since the last publication.
 struct MrouteCounterEntry {
+  Counter32 state;  // with what is counted for every packet in one cache line
   Counter32 pktsIn;
   Counter32 bytesIn;
   Counter32 wrongVif;
   Counter32 pktsQueued;  // a change, as above
   Counter32 pktsDropped;
-  Counter32 state;
 
   std::array<uint32_t, 5> counts() const {
     return {pktsIn, bytesIn, wrongVif, pktsQueued, pktsDropped};

@@ -13,7 +13,7 @@
 //              Slabs stay with the allocator until the process ends and serve every thread.
 // Invariants :
 //   (1) memory is aligned for every type with alignof <= 16.
-//       A size of whole cache lines, of 64 bytes, begins with one.
+//       Up to kMaxSlabBytes, a size of whole cache lines, of 64 bytes, begins with one.
 //   (2) a size above kMaxSlabBytes goes to the heap and back.
 //   (3) the cache of a thread that ended is in the depot: nothing stays behind.
 // In an address sanitizer build free objects are poisoned.

@@ -59,6 +59,9 @@ TEST(NySlab, givesAlignedMemoryOfEverySize) {
   for (size_t bytes = 0; bytes <= kMaxSlabBytes + 64; ++bytes) {
     void* p = slabAlloc(bytes);
     ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % kAlignment, 0u) << bytes;
+    if (bytes % 64 == 0 && bytes != 0 && bytes <= kMaxSlabBytes) {
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 64, 0u) << bytes;
+    }
     std::memset(p, 0xa5, bytes);
     slabFree(p, bytes);
   }
