@@ -83,6 +83,7 @@ class ForwardingPass {
   struct Tables {
     const IntfSet& multicastIntfs;
     IntfCounters& intfCounters;
+    const WayNumbers& wayNumbers;
     WayCounters& wayCounters;
     const PacketFates& fates;
   };
@@ -99,6 +100,7 @@ class ForwardingPass {
         sender_(sender),
         multicastIntfs_(tables.multicastIntfs),
         intfCounters_(tables.intfCounters),
+        wayNumbers_(tables.wayNumbers),
         wayCounters_(tables.wayCounters),
         fates_(tables.fates) {
     outs_[kNowhere].batch = nullptr;
@@ -241,10 +243,13 @@ class ForwardingPass {
 
   // The record of a way out that the pass has not met, or that has no number.
   [[gnu::noinline]] Outgoing& openWay(const MfibPvSet& route, uint32_t i) {
-    const Nynet::IntfId oif = route.oifs()[i];
-    const auto gate = static_cast<uint16_t>(route.oifGates()[i]);
     const uint8_t number = route.oifWays()[i];
-    uint8_t* const place = number != WayNumbers::kNone ? &places_[number] : hashedPlace(oif, gate);
+    const bool numbered = number != WayNumbers::kNone;  // then nothing is read of the route's oifs
+    const Nynet::IntfId oif =
+        numbered ? Nynet::IntfId(wayNumbers_.way(number).intfId) : route.oifs()[i];
+    const uint16_t gate =
+        numbered ? wayNumbers_.way(number).gate : static_cast<uint16_t>(route.oifGates()[i]);
+    uint8_t* const place = numbered ? &places_[number] : hashedPlace(oif, gate);
     if (place == nullptr || (*place == kNowhere && opened_ == kMaxOpened)) {
       return spare(oif, gate);
     }
@@ -388,6 +393,7 @@ class ForwardingPass {
   Module* const sender_;
   const IntfSet& multicastIntfs_;
   IntfCounters& intfCounters_;
+  const WayNumbers& wayNumbers_;
   WayCounters& wayCounters_;
   const PacketFates& fates_;
 

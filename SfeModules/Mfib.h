@@ -216,7 +216,7 @@ class Mfib : public Module {
   void destroyTables();
 
   ForwardingPass::Tables tables() {
-    return {*multicastIntfTable_, *intfCounterTable_, wayCounters_, fates_};
+    return {*multicastIntfTable_, *intfCounterTable_, wayNumbers_, wayCounters_, fates_};
   }
 
   // What is done for all packets of a batch before the first one is decided on.
@@ -226,7 +226,9 @@ class Mfib : public Module {
                                             ForwardingPass& pass) const;
   [[gnu::always_inline]] void hash(PacketWork& work, const PacketWork* previous) const;
   [[gnu::always_inline]] void locate(PacketWork& work) const;
-  [[gnu::always_inline]] void lookUp(PacketWork& work, const PacketWork* previous) const;
+  [[gnu::always_inline]] void lookUp(PacketWork& work,
+                                     const PacketWork* previous,
+                                     uint64_t arrangement) const;
   [[gnu::always_inline]] bool recallCounters(PacketWork& work,
                                              const PacketWork* previous,
                                              uint64_t departures) const;
@@ -337,7 +339,7 @@ class Mfib : public Module {
   NotificationCounts notifications_;  // likewise
   sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
   ForwardingPass::WayCounters wayCounters_;
-  WayNumbers wayNumbers_;  // control: of every way out that a route has had
+  WayNumbers wayNumbers_;  // of every way out that a route has had
   static constexpr uint32_t kFewestBuckets = 128;
   uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
   // Written by control, before a route is in the table and after it is out: workers look for no

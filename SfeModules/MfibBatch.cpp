@@ -17,8 +17,9 @@ bool Mfib::ProcessPacket(Context* ctx,
   BatchWork room;
   PacketWork& work = arrive(room.packets(), pkt, reinjected, pass);
   hash(work, nullptr);
+  const uint64_t arrangement = mfib_->arrangement();
   locate(work);
-  lookUp(work, nullptr);
+  lookUp(work, nullptr, arrangement);
   findCounters(&work, &work + 1);
   return decideAll(&work, &work + 1) != 0;
 }
@@ -41,11 +42,12 @@ void Mfib::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
     hash(arrive(work, pkt, false, pass), previous);
     previous = work++;
   }
+  const uint64_t arrangement = mfib_->arrangement();
   for (work = begin; work != end; ++work) {
     locate(*work);
   }
   for (work = begin, previous = nullptr; work != end; previous = work++) {
-    lookUp(*work, previous);
+    lookUp(*work, previous, arrangement);
   }
   const uint64_t departures = mrouteCounterTable_->departures();
   bool recalled = true;
@@ -92,7 +94,7 @@ inline void Mfib::locate(PacketWork& work) const {
 }
 
 // Finds the (S,G) route.
-inline void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
+inline void Mfib::lookUp(PacketWork& work, const PacketWork* previous, uint64_t arrangement) const {
   if (work.search == Search::kAsPrevious) {
     work.sourceGroup = previous->sourceGroup;
     return;
@@ -101,7 +103,7 @@ inline void Mfib::lookUp(PacketWork& work, const PacketWork* previous) const {
     return;
   }
   const std::shared_ptr<MfibPvSet>* route =
-      mfib_->find(work.headers.key, work.routeHash, work.located);
+      mfib_->find(work.headers.key, work.routeHash, work.located, arrangement);
   if (route != nullptr) {
     work.sourceGroup = route->get();
     work.sourceGroup->prefetch();
@@ -139,6 +141,7 @@ void Mfib::findCounters(PacketWork* begin, PacketWork* end) const {
       mrouteCounterTable_->prefetch(hashes[work - begin]);
     }
   }
+  const uint64_t arrangement = mrouteCounterTable_->arrangement();
   for (PacketWork* work = begin; work != end; ++work) {
     if (wanted(*work)) {
       located[work - begin] = mrouteCounterTable_->locate(hashes[work - begin]);
@@ -150,7 +153,7 @@ void Mfib::findCounters(PacketWork* begin, PacketWork* end) const {
     }
     const size_t i = work - begin;
     const std::shared_ptr<MrouteCounterEntry>* found =
-        mrouteCounterTable_->find(work->headers.key, hashes[i], located[i]);
+        mrouteCounterTable_->find(work->headers.key, hashes[i], located[i], arrangement);
     if (found != nullptr) {
       work->routeCounters = found->get();
       work->sourceGroup->counters.put(departures, work->routeCounters);

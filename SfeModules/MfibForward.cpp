@@ -144,7 +144,10 @@ inline bool Mfib::decide(PacketWork& work) {
     drop(work, Fate::kDropNonMulticastIntf);
     return finish(work);
   }
-  const MfibPvSet* entry = work.sourceGroup != nullptr ? work.sourceGroup : findAnySource(work);
+  const MfibPvSet* entry = work.sourceGroup;
+  if (entry == nullptr && routesByType_[kAnySource].load(std::memory_order_acquire) != 0) {
+    entry = findAnySource(work);
+  }
   if (entry == nullptr) {
     return handleMissingRoute(work);
   }

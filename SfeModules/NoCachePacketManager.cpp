@@ -1,5 +1,7 @@
 #include "SfeModules/NoCachePacketManager.h"
 
+#include <urcu/arch.h>
+
 #include <algorithm>
 #include <chrono>
 #include <mutex>
@@ -17,6 +19,7 @@ namespace {
 
 constexpr uint32_t kInitialBuckets = 128;
 constexpr bool kDeferredFree = true;
+constexpr uint32_t kIndexedKeys = 1024;  // of further ones the look-up walks
 
 using LockGuard = std::lock_guard<SpinLockWord>;
 
@@ -36,11 +39,13 @@ NoCachePacketManager::NoCachePacketManager(unsigned int af,
       intfCounters_(intfCounters),
       mrouteCounters_(mrouteCounters),
       af_(af),
-      cacheTable_(kInitialBuckets,
-                  kDeferredFree,
-                  kInitialBuckets,
-                  nullptr,
-                  [](UnresolvedList*& list) { freeUnresolvedPktCache(list); }),
+      cacheTable_(
+          kInitialBuckets,
+          kDeferredFree,
+          kInitialBuckets,
+          nullptr,
+          [](UnresolvedList*& list) { freeUnresolvedPktCache(list); },
+          kIndexedKeys),
       intfQueueCounts_(kInitialBuckets, kDeferredFree),
       mrouteQueueCounts_(kInitialBuckets, kDeferredFree) {
   SFE_TRACE("Mfib", 6, "", af_);
@@ -79,10 +84,10 @@ UnresolvedList* NoCachePacketManager::listWithRoom(const MfibKey& key) {
     }
   } else {
     if (holdsAllKeys()) {
-      fullUnreported_ = !fullReported_;
+      fullUnreported_ = !fullReported_.load(std::memory_order_relaxed);
       return nullptr;
     }
-    fullReported_ = false;
+    fullReported_.store(false, std::memory_order_relaxed);
     list = new UnresolvedList;
     cacheTable_.insert(key, list);
     relaxedAdd(entryCount_, 1);
@@ -91,7 +96,7 @@ UnresolvedList* NoCachePacketManager::listWithRoom(const MfibKey& key) {
 }
 
 bool NoCachePacketManager::addEntryIntoCache(const MfibKey& key, bess::Packet* pkt, uint64_t iif) {
-  if (!BessPktCache::fits(pkt) || !hasRoomFor(key)) {
+  if (refusesAtOnce(key) || !BessPktCache::fits(pkt) || !hasRoomFor(key)) {
     return false;
   }
   // The copy is made without the lock, so the limits are looked at again when it is stored.
@@ -106,11 +111,19 @@ bool NoCachePacketManager::addEntryIntoCache(const MfibKey& key, bess::Packet* p
   } catch (const std::bad_alloc&) {
     return false;
   }
-  // A route that arrived after the caller's look-up found no key to queue.
+  // A route that arrived after the caller's look-up found no key to queue: one of the two, who puts
+  // in the route and who holds the packet, sees what the other one has written.
+  cmm_smp_mb();
   if (routeArrived(key)) {
     resolvePendingPackets(key);
   }
   return true;
+}
+
+// What hasRoomFor() would say, without the lock, which others may need.
+bool NoCachePacketManager::refusesAtOnce(const MfibKey& key) const {
+  return fullReported_.load(std::memory_order_relaxed) && holdsAllKeys() &&
+         !cacheTable_.contains(key);
 }
 
 // A flood of unknown flows refuses at line rate: one line until there has been room again.
@@ -122,7 +135,9 @@ bool NoCachePacketManager::hasRoomFor(const MfibKey& key) {
       return true;
     }
     report = std::exchange(fullUnreported_, false);
-    fullReported_ = fullReported_ || report;
+    if (report) {
+      fullReported_.store(true, std::memory_order_relaxed);
+    }
   }
   if (report) {
     Gemlog::write("mroute: pending queue full, dropping entries", {__FILE__, __LINE__});
@@ -164,6 +179,7 @@ void NoCachePacketManager::countHeld(const UnresolvedPacket& packet) {
 }
 
 void NoCachePacketManager::resolvePendingPackets(const MfibKey& key) {
+  cmm_smp_mb();
   if (cacheTable_.contains(key)) {
     LockGuard guard(resolvedQueueLock_);
     resolvedQueue_.push_back(key);

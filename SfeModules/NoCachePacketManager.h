@@ -145,14 +145,15 @@ class NoCachePacketManager {
   std::shared_ptr<IntfCounterEntry> forceLookupIntfCtrUpdates(uint64_t intf);
   std::shared_ptr<MrouteCounterEntry> forceLookupMrtCtrUpdates(const MfibKey& key);
 
+  bool refusesAtOnce(const MfibKey& key) const;
+  bool holdsAllKeys() const {
+    return entryCount() >= maxUnresolvedCacheEntries_.load(std::memory_order_relaxed);
+  }
   bool hasRoomFor(const MfibKey& key);
   bool store(std::unique_ptr<UnresolvedPacket> held);
 
   // All below: requires the packet queue's lock.
   UnresolvedList* listWithRoom(const MfibKey& key);
-  bool holdsAllKeys() const {
-    return entryCount() >= maxUnresolvedCacheEntries_.load(std::memory_order_relaxed);
-  }
   bool isFull(const UnresolvedList& list) const {
     return list.size() >= maxUnresolvedPktBuffers_.load(std::memory_order_relaxed);
   }
@@ -172,16 +173,16 @@ class NoCachePacketManager {
   const uint32_t af_;
   const PacketFates* fates_ = nullptr;
 
-  // Guarded by packetQueueLock_; the two counts may be read without it.
+  // Guarded by packetQueueLock_; the atomic ones may be read without it.
   SpinLockWord packetQueueLock_;
   std::deque<UnresolvedPacket*> packetQueue_;  // all held packets, oldest first
   CacheTable cacheTable_;
   IntfQueueCounts intfQueueCounts_;
   MrouteQueueCounts mrouteQueueCounts_;
-  std::atomic<uint32_t> entryCount_{0};   // keys in cacheTable_
-  std::atomic<uint32_t> packetCount_{0};  // packets in packetQueue_
-  bool fullReported_ = false;             // since the cache last had room for a key
-  bool fullUnreported_ = false;           // the refusal at hand is to be told
+  std::atomic<uint32_t> entryCount_{0};    // keys in cacheTable_
+  std::atomic<uint32_t> packetCount_{0};   // packets in packetQueue_
+  std::atomic<bool> fullReported_{false};  // since the cache last had room for a key
+  bool fullUnreported_ = false;            // the refusal at hand is to be told
 
   // Guarded by resolvedQueueLock_.
   SpinLockWord resolvedQueueLock_;

@@ -206,11 +206,15 @@ class NyRcuHt {
 
   // The same with the key's hash, which the caller has from nyHash().
   [[gnu::noinline]] const V* find(const K& key, uint32_t hash) const {
+    const uint64_t arrangement = index_.arrangement();
+    Node* found = index_.find(key, hash);
     // The chains decide: a node that was replaced or removed stays in the index for a moment.
-    if (Node* node = index_.find(key, hash);
-        node != nullptr && cds_lfht_is_node_deleted(&node->htNode) == 0) [[likely]] {
-      SFE_RCU_DEREFERENCE(&node->htNode);
-      return &node->value;
+    if (found != nullptr && cds_lfht_is_node_deleted(&found->htNode) == 0) [[likely]] {
+      SFE_RCU_DEREFERENCE(&found->htNode);
+      return &found->value;
+    }
+    if (found == nullptr && index_.provesAbsence(hash, arrangement)) {
+      return nullptr;
     }
     cds_lfht_iter iter;
     const Node* node = findNode(key, hash, iter);
@@ -218,18 +222,26 @@ class NyRcuHt {
   }
 
   // The same in steps, each of which finds in the caches what the one before has fetched: prefetch,
-  // then locate, then find. RCU: one read side for all of them.
+  // then locate, then find. `arrangement`: as it was before the first locate().
+  // RCU: one read side for all of them.
+  uint64_t arrangement() const { return index_.arrangement(); }
   [[gnu::always_inline]] void prefetch(uint32_t hash) const { index_.prefetchSet(hash); }
   [[gnu::always_inline]] const Node* locate(uint32_t hash) const {
     const Node* node = index_.probable(hash);
     __builtin_prefetch(node);
     return node;
   }
-  [[gnu::always_inline]] const V* find(const K& key, uint32_t hash, const Node* located) const {
+  [[gnu::always_inline]] const V* find(const K& key,
+                                       uint32_t hash,
+                                       const Node* located,
+                                       uint64_t arrangement) const {
     if (located != nullptr && Node::sameKey(located->key, key) &&
         cds_lfht_is_node_deleted(const_cast<cds_lfht_node*>(&located->htNode)) == 0) [[likely]] {
       SFE_RCU_DEREFERENCE(&located->htNode);
       return &located->value;
+    }
+    if (located == nullptr && index_.ownSetProvesAbsence(hash, arrangement)) {
+      return nullptr;
     }
     return find(key, hash);
   }
@@ -254,8 +266,14 @@ class NyRcuHt {
       return true;
     }
     SFE_RCU_DEREFERENCE(replaced);
-    retire(Node::of(replaced));
-    place(node, hash);
+    Node* other = Node::of(replaced);
+    lockOwned(other);
+    if (!index_.replace(other, node, hash)) {
+      index_.add(node, hash);
+    }
+    node->unlock();
+    other->ownership.store(Node::kUnlinked, std::memory_order_release);
+    retire(other);
     return false;
   }
 
@@ -270,7 +288,8 @@ class NyRcuHt {
     cds_lfht_node* present = cds_lfht_add_unique(table_, hash, &nyMatch, &node->key, &node->htNode);
     if (present != &node->htNode) {
       SFE_RCU_DEREFERENCE(present);
-      freeNode(node);  // never reachable
+      freeNode(node);                      // never reachable
+      Node::of(present)->awaitUnlocked();  // whoever inserts it: then find() finds it too
     } else {
       indexNew(node, hash);
     }
@@ -306,7 +325,8 @@ class NyRcuHt {
   // A position on the first of the entries of some hash that the index has in one set with `hash`.
   NyRcuHtIterator near(uint32_t hash) const {
     NyRcuHtIterator at(table_);
-    if (const Node* node = index_.similar(hash); node != nullptr) {
+    const auto hashOf = [this](const Node& node) { return nyHash(node.key); };
+    if (const Node* node = index_.similar(hash, hashOf); node != nullptr) {
       const auto any = [](cds_lfht_node*, const void*) { return 1; };
       cds_lfht_lookup(table_, nyHash(node->key), any, nullptr, &at.iter_);
       SFE_RCU_DEREFERENCE(at.iter_.node);
@@ -342,24 +362,30 @@ class NyRcuHt {
     return iter.node == nullptr ? nullptr : Node::of(iter.node);
   }
 
-  // Puts a linked node into the index, or into its place there after the index has grown.
-  void place(Node* node, uint32_t hash) {
-    if (index_.enabled() && node->lock()) {
-      index_.remove(node);
-      index_.add(node, hash);
-      node->unlock();
-    }
-  }
-
+  // Puts a node that this thread has linked into the index, and unlocks it.
   void indexNew(Node* node, uint32_t hash) {
+    index_.add(node, hash);
+    node->unlock();
     if (!index_.enabled()) {
       return;
     }
-    place(node, hash);
     const size_t entries = entries_.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (index_.crowded(entries) && !growing_.exchange(true, std::memory_order_acquire)) {
-      index_.grow(entries, [this](Node* moved) { place(moved, nyHash(moved->key)); });
-      growing_.store(false, std::memory_order_release);
+    if (index_.wantsRearranging(entries) &&
+        !rearranging_.exchange(true, std::memory_order_acquire)) {
+      index_.rearrange(entries, [this] { placeAll(); });
+      rearranging_.store(false, std::memory_order_release);
+    }
+  }
+
+  // Each node takes its place in the index anew.
+  void placeAll() {
+    for (NyRcuHtIterator position = begin(); position != end(); ++position) {
+      Node* node = position.node();
+      if (node->lock()) {
+        index_.remove(node);
+        index_.add(node, nyHash(node->key));
+        node->unlock();
+      }
     }
   }
 
@@ -372,14 +398,21 @@ class NyRcuHt {
     if (index_.enabled()) {
       entries_.fetch_sub(1, std::memory_order_relaxed);
     }
+    takeOwnership(node);
     retire(node);
     return true;
   }
 
-  // Marks the node as taken out. A second owner would be a double free and stops the process.
-  static void takeOwnership(Node* node) {
+  // Locks a node that this thread has unlinked: nobody moves it, and its inserter is done with it.
+  // A second owner would be a double free and stops the process.
+  static void lockOwned(Node* node) {
     const bool wasLinked = node->lock();
     SFE_ASSERT(wasLinked);
+  }
+
+  // Marks the node as taken out.
+  static void takeOwnership(Node* node) {
+    lockOwned(node);
     node->ownership.store(Node::kUnlinked, std::memory_order_release);
   }
 
@@ -390,8 +423,8 @@ class NyRcuHt {
     }
   }
 
+  // Requires: the node is owned.
   void retire(Node* node) {
-    takeOwnership(node);
     unindex(node);
     // Nobody finds the node any more, and its grace period has not begun.
     departures_.fetch_add(1, std::memory_order_release);
@@ -448,6 +481,6 @@ class NyRcuHt {
   const ValueRelease releaseValue_;
   NyRcuHtIndex<Node> index_;
   std::atomic<size_t> entries_{0};  // counted where there is an index
-  std::atomic<bool> growing_{false};
+  std::atomic<bool> rearranging_{false};
   std::atomic<uint64_t> departures_{1};
 };

@@ -33,30 +33,152 @@ TEST(NyUrcuHtIndex, findsWhatWasAddedUntilItIsRemoved) {
   EXPECT_EQ(nullptr, item.place);
 }
 
+// What probable() finds nothing for is not in its own set: a free word has no tag.
 TEST(NyUrcuHtIndex, findsAKeyWhoseHashIsZero) {
   Index index(64);
   EXPECT_EQ(nullptr, index.find(uint64_t{0}, 0));
   Item item;
   index.add(&item, 0);
   EXPECT_EQ(&item, index.find(uint64_t{0}, 0));
+  EXPECT_EQ(&item, index.probable(0));
   index.remove(&item);
 }
 
-TEST(NyUrcuHtIndex, leavesOutWhatFindsItsSetFull) {
+// Eight go to a key's own set, eight to the one beside it; after that one is left out, and the
+// index says what it knows at each stage.
+TEST(NyUrcuHtIndex, leavesOutWhatFindsTwoSetsFull) {
+  constexpr uint32_t kHash = 5;
+  constexpr uint32_t kHashBeside = 4;
   Index index(64);
+  const uint64_t arrangement = index.arrangement();
+  std::vector<Item> items(17);
+  for (uint64_t i = 0; i < items.size(); ++i) {
+    EXPECT_TRUE(index.provesAbsence(kHash, arrangement)) << i;
+    EXPECT_EQ(i <= 8, index.ownSetProvesAbsence(kHash, arrangement)) << i;
+    items[i].key = i;
+    index.add(&items[i], kHash);
+  }
+  EXPECT_FALSE(index.provesAbsence(kHash, arrangement));
+  EXPECT_TRUE(index.provesAbsence(kHashBeside, arrangement)) << "its own are all here";
+  for (uint64_t i = 0; i < 16; ++i) {
+    EXPECT_EQ(&items[i], index.find(i, kHash)) << i;
+  }
+  EXPECT_EQ(nullptr, index.find(uint64_t{16}, kHash));
+  EXPECT_EQ(nullptr, items[16].place);
+  index.remove(&items[3]);
+  index.add(&items[16], kHash);
+  EXPECT_EQ(&items[16], index.find(uint64_t{16}, kHash));
+  EXPECT_FALSE(index.provesAbsence(kHash, arrangement)) << "nobody counts those left out";
+
+  Item other{.key = 100};
+  index.add(&other, kHashBeside);
+  EXPECT_EQ(nullptr, other.place) << "no room in either";
+  EXPECT_FALSE(index.provesAbsence(kHashBeside, arrangement));
+}
+
+// What takes another's place is found where that was, and what took none anywhere.
+TEST(NyUrcuHtIndex, putsOneInThePlaceOfAnother) {
+  Index index(64);
+  Item first{.key = 7};
+  Item second{.key = 7};
+  index.add(&first, 5);
+  std::atomic<uint64_t>* place = first.place;
+  EXPECT_TRUE(index.replace(&first, &second, 5));
+  EXPECT_EQ(nullptr, first.place);
+  EXPECT_EQ(place, second.place);
+  EXPECT_EQ(&second, index.find(uint64_t{7}, 5));
+  EXPECT_FALSE(index.replace(&first, &second, 5)) << "has none any more";
+  index.remove(&second);
+  EXPECT_EQ(nullptr, index.find(uint64_t{7}, 5));
+}
+
+// The other could not be moved when the index grew.
+TEST(NyUrcuHtIndex, putsOneWhereItBelongsWhenTheOtherWasLeftBehind) {
+  Index index(128);  // 16 sets, then 32
+  Item first{.key = 7};
+  Item second{.key = 7};
+  const uint32_t hash = 16 + 3;
+  index.add(&first, hash);
+  index.rearrange(65, [&] { EXPECT_TRUE(index.replace(&first, &second, hash)); });
+  EXPECT_EQ(&second, index.find(uint64_t{7}, hash));
+}
+TEST(NyUrcuHtIndex, saysThatOneIsBesideWhenTheOtherWasLeftBehind) {
+  constexpr uint32_t kHash = 5;
+  Index index(128);
   std::vector<Item> items(9);
   for (uint64_t i = 0; i < items.size(); ++i) {
     items[i].key = i;
-    index.add(&items[i], 5);
+    index.add(&items[i], kHash);
   }
-  for (uint64_t i = 0; i < 8; ++i) {
-    EXPECT_EQ(&items[i], index.find(i, 5)) << i;
+  Item second{.key = 8};
+  index.rearrange(65, [&] { EXPECT_TRUE(index.replace(&items[8], &second, kHash)); });
+  EXPECT_EQ(&second, index.find(uint64_t{8}, kHash));
+  EXPECT_FALSE(index.ownSetProvesAbsence(kHash, index.arrangement()));
+}
+
+// No absence is proved while the index grows, or by what was read before it grew.
+TEST(NyUrcuHtIndex, provesNothingWhileItGrows) {
+  Index index(128);
+  Item item{.key = 7};
+  const uint32_t hash = 16 + 3;
+  index.add(&item, hash);
+  const uint64_t before = index.arrangement();
+  index.rearrange(65, [&] {
+    EXPECT_FALSE(index.provesAbsence(1, before));
+    EXPECT_FALSE(index.provesAbsence(1, index.arrangement()));
+    index.remove(&item);
+    index.add(&item, hash);
+  });
+  EXPECT_FALSE(index.provesAbsence(1, before));
+  EXPECT_TRUE(index.provesAbsence(1, index.arrangement()));
+  EXPECT_EQ(&item, index.find(uint64_t{7}, hash));
+}
+
+// Sets that overflowed once say so until the index is rearranged: what was left out may still be.
+TEST(NyUrcuHtIndex, isRearrangedWhenManySetsHaveOverflowed) {
+  constexpr uint32_t kSets = 16;
+  constexpr size_t kEntries = 20;
+  Index index(64);
+  std::vector<Item> items(kEntries);
+  unsigned wanted = 0;
+  for (uint32_t set = 0; set < kSets; ++set) {
+    EXPECT_FALSE(index.wantsRearranging(kEntries) && wanted == 0) << set;
+    for (size_t i = 0; i < 17; ++i) {
+      index.add(&items[i], set);
+    }
+    EXPECT_FALSE(index.provesAbsence(set, index.arrangement()));
+    for (size_t i = 0; i < 17; ++i) {
+      index.remove(&items[i]);
+    }
+    if (index.wantsRearranging(kEntries)) {
+      ++wanted;
+      index.rearrange(kEntries, [] {});
+      EXPECT_FALSE(index.wantsRearranging(kEntries));
+      for (uint32_t other = 0; other < kSets; ++other) {
+        EXPECT_TRUE(index.ownSetProvesAbsence(other, index.arrangement()));
+      }
+    }
   }
-  EXPECT_EQ(nullptr, index.find(uint64_t{8}, 5));
-  EXPECT_EQ(nullptr, items[8].place);
-  index.remove(&items[3]);
-  index.add(&items[8], 5);
-  EXPECT_EQ(&items[8], index.find(uint64_t{8}, 5));
+  EXPECT_LT(0U, wanted);
+  EXPECT_GT(kSets / 2, wanted);
+}
+
+// A table whose entries come and go keeps its proofs.
+TEST(NyUrcuHtIndex, provesAbsenceHoweverManyHaveComeAndGone) {
+  constexpr uint64_t kLive = 250;
+  constexpr uint64_t kTurnovers = 300;
+  Numbers table(128, true, 128, nullptr, nullptr, 1024);
+  for (uint64_t key = 0; key < kLive * kTurnovers; ++key) {
+    table.insert(key * 0x9e3779b97f4a7c15, key);
+    if (key >= kLive) {
+      table.erase((key - kLive) * 0x9e3779b97f4a7c15);
+    }
+    if (key % kLive == 0) {
+      urcu_qsbr_quiescent_state();
+    }
+  }
+  EXPECT_LT(2U * 6U, table.arrangement()) << "more often than it grew";
+  EXPECT_EQ(kLive, table.size());
 }
 
 TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
@@ -67,10 +189,12 @@ TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
   for (uint64_t i = 0; i < items.size(); ++i) {
     items[i].key = i;
     index.add(&items[i], hashOf(i));
-    while (index.crowded(i + 1)) {
-      index.grow(i + 1, [&](Item* item) {
-        index.remove(item);
-        index.add(item, hashOf(item->key));
+    while (index.wantsRearranging(i + 1)) {
+      index.rearrange(i + 1, [&] {
+        for (uint64_t key = 0; key <= i; ++key) {
+          index.remove(&items[key]);
+          index.add(&items[key], hashOf(key));
+        }
       });
       ++grown;
     }
@@ -80,21 +204,22 @@ TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
   for (uint64_t i = 0; i < items.size(); ++i) {
     const Item* item = index.find(i, hashOf(i));
     EXPECT_TRUE(item == nullptr || item == &items[i]);
+    EXPECT_TRUE(item != nullptr || !index.provesAbsence(hashOf(i), index.arrangement()));
     found += item != nullptr ? 1 : 0;
   }
   EXPECT_LT(items.size() * 9 / 10, found);
 }
 
-// Who comes second, having seen the index crowded, must not grow it past its memory.
+// Who comes second, having seen that it has to grow, must not grow it past its memory.
 TEST(NyUrcuHtIndex, growsOnceForTwoThatSawItCrowded) {
   constexpr size_t kEntries = 65;  // more than 16 sets are for
   Index index(128);                // at most 32 sets
   Item item{.key = 1};
   const uint32_t hash = 32;  // in the set behind the last one, were there more than 32
-  ASSERT_TRUE(index.crowded(kEntries));
-  index.grow(kEntries, [](Item*) {});
-  EXPECT_FALSE(index.crowded(kEntries));
-  index.grow(kEntries, [](Item*) {});
+  ASSERT_TRUE(index.wantsRearranging(kEntries));
+  index.rearrange(kEntries, [] {});
+  EXPECT_FALSE(index.wantsRearranging(kEntries));
+  index.rearrange(kEntries, [] {});
   index.add(&item, hash);
   ASSERT_NE(nullptr, item.place);
   EXPECT_EQ(&item, index.find(uint64_t{1}, 0)) << "32 sets: both hashes mean the first one";
@@ -107,7 +232,9 @@ TEST(NyUrcuHtIndex, holdsNothingWithoutEntries) {
   index.prefetchSet(1);
   EXPECT_EQ(nullptr, index.probable(1));
   EXPECT_EQ(nullptr, index.find(uint64_t{1}, 1));
-  EXPECT_FALSE(index.crowded(1000000));
+  EXPECT_FALSE(index.provesAbsence(1, index.arrangement()));
+  EXPECT_FALSE(index.ownSetProvesAbsence(1, index.arrangement()));
+  EXPECT_FALSE(index.wantsRearranging(1000000));
 }
 
 // Whoever keeps what was found has to look again once an entry, any one, has left.
@@ -134,24 +261,25 @@ TEST(NyUrcuHt, findsInSteps) {
     for (uint64_t key = 0; key < 500; ++key) {
       table.insert(key, key + 1000);
     }
+    const uint64_t arrangement = table.arrangement();
     size_t located = 0;
     for (uint64_t key = 0; key < 600; ++key) {
       const uint32_t hash = table.nyHash(key);
       table.prefetch(hash);
       const auto* node = table.locate(hash);
       located += node != nullptr ? 1 : 0;
-      const uint64_t* value = table.find(key, hash, node);
+      const uint64_t* value = table.find(key, hash, node, arrangement);
       ASSERT_EQ(table.find(key), value);
       ASSERT_EQ(key < 500, value != nullptr);
-      ASSERT_EQ(value, table.find(key, hash, nullptr));
+      ASSERT_EQ(value, table.find(key, hash));
     }
     EXPECT_EQ(indexed != 0, located > 450);
     const uint32_t hash = table.nyHash(7);
     const auto* node = table.locate(hash);
     table.erase(7);
-    EXPECT_EQ(nullptr, table.find(7, hash, node)) << "erased since it was located";
+    EXPECT_EQ(nullptr, table.find(7, hash, node, arrangement)) << "erased since it was located";
     table.insert(7, 1);
-    EXPECT_EQ(1U, *table.find(7, hash, node));
+    EXPECT_EQ(1U, *table.find(7, hash, node, arrangement));
   }
 }
 

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 // What liburcu links and calls back with; base classes, so that both addresses lead to the node.
@@ -65,25 +66,42 @@ struct NyRcuHtNode : NyRcuHtEntry<K, V>, NyRcuHtReclaim {
     return difference == 0;
   }
 
-  // Locked for the moment in which its place in the index changes. Returns: false when the node is
+  // Born locked: its inserter unlocks it when it is in the table and in the index. Locked again
+  // for the moment in which its place in the index changes. Returns: false when the node is
   // unlinked already. Waits for another thread's moment.
   bool lock() {
     Ownership expected = kLinked;
-    while (!ownership.compare_exchange_weak(expected, kLocked, std::memory_order_acq_rel)) {
+    for (unsigned tries = 1;
+         !ownership.compare_exchange_weak(expected, kLocked, std::memory_order_acq_rel); ++tries) {
       if (expected == kUnlinked) {
         return false;
       }
       expected = kLinked;
-      rte_pause();
+      waitForOwner(tries);
     }
     return true;
+  }
+  void awaitUnlocked() const {
+    for (unsigned tries = 1; ownership.load(std::memory_order_acquire) == kLocked; ++tries) {
+      waitForOwner(tries);
+    }
   }
   void unlock() {
     ownership.store(kLinked, std::memory_order_release);
   }
 
+  // An owner that takes this long has lost its processor, perhaps to this thread.
+  static void waitForOwner(unsigned tries) {
+    constexpr unsigned kMoment = 64;
+    if (tries % kMoment == 0) {
+      std::this_thread::yield();
+    } else {
+      rte_pause();
+    }
+  }
+
   KeyRelease releaseKey;      // called with the key when the node is freed; may be null
   ValueRelease releaseValue;  // called with the value likewise; may be null
   std::atomic<uint64_t>* place = nullptr;  // in the index; null when it is not there
-  std::atomic<Ownership> ownership{kLinked};
+  std::atomic<Ownership> ownership{kLocked};
 };

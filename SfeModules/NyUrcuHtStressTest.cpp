@@ -5,9 +5,13 @@
 //                                                        -> seen at age 2
 //   (C) every value is released exactly once             -> neverReleased, releasedTwice
 //   (D) a replaced value does not come back              -> versionsBack
+//   (E) what was inserted is found from then on          -> missed
 #include "SfeModules/NyUrcuHt.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -76,7 +80,16 @@ void quiescentState() {
 
 class RegisteredThread {
  public:
-  RegisteredThread() { urcu_qsbr_register_thread(); }
+  RegisteredThread() {
+    // DPDK has put the thread that started this one on one processor: there nothing runs at once.
+    cpu_set_t all;
+    CPU_ZERO(&all);
+    for (long cpu = 0; cpu < sysconf(_SC_NPROCESSORS_CONF); ++cpu) {
+      CPU_SET(cpu, &all);
+    }
+    pthread_setaffinity_np(pthread_self(), sizeof(all), &all);
+    urcu_qsbr_register_thread();
+  }
   ~RegisteredThread() {
     SFE_RCU_QUIESCENT();
     urcu_qsbr_unregister_thread();
@@ -332,6 +345,138 @@ TEST_P(NyUrcuHtStress, givesAnEntryToOneOfTwoRemovers) {
     ASSERT_EQ(1, score->releases[id]) << id;
   }
   EXPECT_EQ(0U, score->badReleases);
+}
+
+// Two writers insert `keysOfAWriter` keys each, and both replace any that is in, while the index
+// grows around them; a reader asks for what is in. Returns: how often that was not found.
+class GrowingTable {
+ public:
+  GrowingTable(uint32_t indexedEntries, uint64_t keysOfAWriter, unsigned seed)
+      : table_(128, true, 128, nullptr, nullptr, indexedEntries),
+        keysOfAWriter_(keysOfAWriter),
+        seed_(seed) {}
+
+  uint64_t missed() {
+    offline([this] {
+      std::thread first([this] { write(0); });
+      std::thread second([this] { write(1); });
+      std::thread reader([this] { read(); });
+      first.join();
+      second.join();
+      reader.join();
+    });
+    for (uint64_t key = 0; key < 2 * keysOfAWriter_; ++key) {
+      look(key);
+    }
+    return missed_;
+  }
+
+ private:
+  void look(uint64_t key) { missed_ += table_.contains(key) ? 0 : 1; }
+
+  // Some key that is in.
+  uint64_t anyKey(std::mt19937& random, uint64_t parity) const {
+    constexpr uint64_t kLatest = 4096;
+    const uint64_t count = inserted_[parity].load(std::memory_order_acquire);
+    return 2 * (count - 1 - random() % std::min(count, kLatest)) + parity;
+  }
+
+  void write(uint64_t parity) {
+    RegisteredThread registered;
+    std::mt19937 random(2 * seed_ + static_cast<unsigned>(parity));
+    table_.insert(parity, 0);
+    inserted_[parity].store(1, std::memory_order_release);
+    together_.arrive_and_wait();
+    for (uint64_t i = 1; i < keysOfAWriter_; ++i) {
+      const uint64_t key = 2 * i + parity;
+      if (i % 2 == 0) {
+        table_.insert(key, i);
+      } else {
+        table_.findOrInsert(key, i);
+      }
+      look(key);
+      inserted_[parity].store(i + 1, std::memory_order_release);
+      const uint64_t other = anyKey(random, random() % 2);
+      table_.insert(other, i);
+      look(other);
+      if (i % kWritesPerQuiescentState == 0) {
+        quiescentState();
+      }
+    }
+    --writing_;
+  }
+
+  void read() {
+    RegisteredThread registered;
+    std::mt19937 random(seed_);
+    together_.arrive_and_wait();
+    while (writing_.load() != 0) {
+      look(anyKey(random, random() % 2));
+      quiescentState();
+    }
+  }
+
+  NyRcuHt<uint64_t, uint64_t> table_;
+  const uint64_t keysOfAWriter_;
+  const unsigned seed_;
+  std::barrier<> together_{3};
+  std::array<std::atomic<uint64_t>, 2> inserted_{};
+  std::atomic<unsigned> writing_{2};
+  std::atomic<uint64_t> missed_{0};
+};
+
+// Replaced by two writers at once, a key is always there.
+TEST_P(NyUrcuHtStress, neverMissesAKeyThatTwoWritersReplace) {
+  constexpr uint64_t kKeys = 4;
+  NyRcuHt<uint64_t, uint64_t> table(128, true, 128, nullptr, nullptr, GetParam());
+  for (uint64_t key = 0; key < kKeys; ++key) {
+    table.insert(key, 0);
+  }
+  std::atomic<unsigned> writing{2};
+  std::atomic<uint64_t> missed{0};
+  std::barrier together(3);
+  const auto write = [&] {
+    RegisteredThread registered;
+    together.arrive_and_wait();
+    for (unsigned i = 0; i < kWrites / 4; ++i) {
+      table.insert(i % kKeys, i);
+      missed += table.contains(i % kKeys) ? 0 : 1;
+      if (i % kWritesPerQuiescentState == 0) {
+        quiescentState();
+      }
+    }
+    --writing;
+  };
+  const auto read = [&] {
+    RegisteredThread registered;
+    together.arrive_and_wait();
+    for (uint64_t i = 0; writing.load() != 0; ++i) {
+      missed += table.contains(i % kKeys) ? 0 : 1;
+      quiescentState();
+    }
+  };
+  offline([&] {
+    std::thread first(write);
+    std::thread second(write);
+    std::thread reader(read);
+    first.join();
+    second.join();
+    reader.join();
+  });
+  drain();
+  EXPECT_EQ(0U, missed);
+}
+
+TEST_P(NyUrcuHtStress, findsWhatWasInsertedWhileTheIndexGrows) {
+  constexpr unsigned kLargeRounds = 4;
+  constexpr unsigned kSmallRounds = kWrites / 400;  // a small index grows more often
+  for (unsigned round = 0; round < kLargeRounds; ++round) {
+    EXPECT_EQ(0U, GrowingTable(GetParam(), kWrites / 20, round).missed());
+  }
+  for (unsigned round = 0; round < kSmallRounds; ++round) {
+    ASSERT_EQ(0U, GrowingTable(GetParam(), 600, round).missed());
+  }
+  drain();
 }
 
 INSTANTIATE_TEST_SUITE_P(Index, NyUrcuHtStress, ::testing::Values(0U, 1024U, 65536U));

@@ -1,7 +1,7 @@
 // Small numbers for an instance's ways out: an outgoing interface and the gate that leads to it.
 // The packet path finds what it knows of a way by its number.
 //
-// Threads    : control.
+// Threads    : control; way() also workers, with a number that a route has.
 // Invariants :
 //   (1) a number means the same way out for the instance's life.
 #pragma once
@@ -29,31 +29,30 @@ class WayNumbers {
   // Returns: the way's number. A new way gets the next one, kNone when there is no more.
   uint8_t of(const IntfGateKey& way) {
     size_t slot = slotOf(way);
-    while (slots_[slot].number != kNone) {
-      if (slots_[slot].way == way) {
-        return slots_[slot].number;
+    for (; slots_[slot] != kNone; slot = (slot + 1) % kSlots) {
+      if (ways_[slots_[slot]] == way) {
+        return slots_[slot];
       }
-      slot = (slot + 1) % kSlots;
     }
     if (given_ == kMost) {
       return kNone;
     }
-    slots_[slot] = {.way = way, .number = static_cast<uint8_t>(++given_)};
-    return slots_[slot].number;
+    slots_[slot] = static_cast<uint8_t>(++given_);
+    ways_[given_] = way;
+    return slots_[slot];
   }
+
+  // Requires: a number that of() has returned, not kNone.
+  const IntfGateKey& way(uint8_t number) const { return ways_[number]; }
 
  private:
   static constexpr size_t kSlots = 512;
   static_assert(kSlots > kMost, "a search ends at a free slot");
 
-  struct Slot {
-    IntfGateKey way;
-    uint8_t number = kNone;
-  };
-
   static size_t slotOf(const IntfGateKey& way) { return hash(way) % kSlots; }
 
-  std::array<Slot, kSlots> slots_;
+  std::array<uint8_t, kSlots> slots_{};      // numbers, by the hash of their ways
+  std::array<IntfGateKey, 1 + kMost> ways_;  // by number
   size_t given_ = 0;
 };
 
