@@ -69,6 +69,7 @@ class ForwardingPass {
   // batch.
   struct Ways {
     const MfibPvSet* route = nullptr;  // null when they are good for no other packet
+    MfibPvSet::WayNumbersOf numbers;   // whose routes have the same ways
     uint8_t gateSelect = 0;            // of the packets
     uint32_t first = 0;                // of the route's interfaces
     uint32_t next = 0;                 // the first interface that did not fit
@@ -165,14 +166,17 @@ class ForwardingPass {
   // Returns: those ways out from a route's interface `first` on that a packet with `gateSelect` may
   // take, good until the next call of this or of outgoing().
   const Ways& ways(const MfibPvSet& route, uint32_t first, uint8_t gateSelect) {
-    if (ways_.route != &route || ways_.first != first || ways_.gateSelect != gateSelect) {
+    if (!leadTheSameWays(route) || ways_.first != first || ways_.gateSelect != gateSelect) {
       ways_.route = &route;
+      ways_.numbers = {};
       ways_.first = first;
       ways_.gateSelect = gateSelect;
       ways_.next = std::min<uint32_t>(route.numOifs, first + kMaxWays);
       ways_.count = gateSelect == 0 ? recallWays(route.oifWays() + first, ways_.next - first) : 0;
       if (ways_.count != ways_.next - first) [[unlikely]] {
         findWays(route, first + ways_.count);
+      } else {
+        ways_.numbers = route.wayNumbers();
       }
     }
     return ways_;
@@ -314,6 +318,12 @@ class ForwardingPass {
     }
     out.next = out.batch->end();
     out.end = out.batch->pkts() + bess::PacketBatch::kMaxBurst;
+  }
+
+  // Flows of many groups go to the same receivers.
+  bool leadTheSameWays(const MfibPvSet& route) const {
+    return ways_.route == &route ||
+           (ways_.numbers.count != 0 && ways_.numbers == route.wayNumbers());
   }
 
   // Returns: how many of the ways with these numbers have a batch, up to the first that has none.

@@ -2,6 +2,7 @@
 // packet must not show.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +85,46 @@ TEST_F(MfibFanOut, reachesEveryOneOf300Interfaces) {
 // More than a pass remembers.
 TEST_F(MfibFanOut, reachesEveryOneOf600Interfaces) {
   expectToReach(600);
+}
+
+// Ways that are remembered by their numbers are those of another route with the same ones only.
+TEST_F(MfibFanOut, keepsRoutesWithNearlyTheSameInterfacesApart) {
+  std::vector<std::vector<Oif>> lists = {oifs(0, 4),  oifs(0, 4),  oifs(0, 3), oifs(0, 5),
+                                         oifs(1, 4),  oifs(0, 8),  oifs(0, 9), oifs(0, 9),
+                                         oifs(0, 16), oifs(0, 16), oifs(0, 17)};
+  lists.push_back({lists[0].rbegin(), lists[0].rend()});
+  lists.push_back(oifs(0, 9));
+  lists.back().back() = oifs(20, 1)[0];  // differs behind the first eight
+  PacketCase row = flow_.row("alike", flow_.ip());
+  const Route first = row.routes[0];
+  row.routes.clear();
+  std::map<std::string, uint32_t> expected;
+  std::vector<std::string> sources;
+  for (const std::vector<Oif>& list : lists) {
+    Route route = first;
+    route.source = "10.0.0." + std::to_string(100 + sources.size());
+    route.oifs = list;
+    sources.push_back(route.source);
+    row.routes.push_back(route);
+    for (const Oif& oif : list) {
+      expected[oif.intf] += 2;
+    }
+  }
+  prepare(row);
+  std::vector<bess::PacketPtr> batch;
+  for (const std::string& source : sources) {
+    batch.push_back(packet(source, "Ethernet0"));
+  }
+  for (size_t i = sources.size(); i-- > 0;) {
+    batch.push_back(packet(sources[i], "Ethernet0"));
+  }
+  const bess::testing::Output out = receiveBatch(std::move(batch));
+  uint32_t total = 0;
+  for (const auto& [name, packets] : expected) {
+    EXPECT_EQ(intfCounters(name)->pktsOut, packets) << name;
+    total += packets;
+  }
+  EXPECT_EQ(out.total(), total);
 }
 
 // A, B, B, A, unknown, A: each counts where it belongs.

@@ -155,6 +155,8 @@ class QuietMemo {
 // Layout     : what the packet path reads is one cache line, from `counters` to the numbers of the
 //              first sixteen ways out; of an entry with more than about 300 it may be two.
 struct MfibPvSet {
+  static constexpr uint32_t kWaysBeside = 16;
+
   // Returns: an entry with room for so many outgoing interfaces, all zero.
   static std::shared_ptr<MfibPvSet> make(uint32_t oifCount);
 
@@ -173,6 +175,27 @@ struct MfibPvSet {
   uint8_t* oifWays() { return reinterpret_cast<uint8_t*>(this + 1); }
   const uint8_t* oifWays() const { return reinterpret_cast<const uint8_t*>(this + 1); }
 
+  // All of them as a value. Of more than kWaysBeside it is the empty one.
+  struct WayNumbersOf {
+    uint32_t count = 0;
+    std::array<uint64_t, 2> words{};
+
+    friend bool operator==(const WayNumbersOf& a, const WayNumbersOf& b) {
+      return a.count == b.count && ((a.words[0] ^ b.words[0]) | (a.words[1] ^ b.words[1])) == 0;
+    }
+  };
+  WayNumbersOf wayNumbers() const {
+    WayNumbersOf numbers;
+    if (numOifs - 1 < kWaysBeside) {
+      numbers.count = numOifs;
+      std::memcpy(numbers.words.data(), oifWays(), sizeof(uint64_t));
+      if (numOifs > sizeof(uint64_t)) {
+        std::memcpy(&numbers.words[1], oifWays() + sizeof(uint64_t), sizeof(uint64_t));
+      }
+    }
+    return numbers;
+  }
+
   // The outgoing interfaces, numOifs of them, and their gates: oifGates()[i] reaches oifs()[i].
   // Returns: null without interfaces.
   Nynet::IntfId* oifs() { return behindWays<Nynet::IntfId>(0); }
@@ -187,8 +210,6 @@ struct MfibPvSet {
     constexpr size_t kAlign = alignof(Nynet::IntfId);
     return (size_t{oifCount} + kAlign - 1) / kAlign * kAlign;
   }
-
-  static constexpr uint32_t kWaysBeside = 16;
 
   mutable QuietMemo quiet;
   Nynet::IntfId iifFrr;    // stored and shown; the packet path does not use it
