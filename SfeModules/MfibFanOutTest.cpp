@@ -89,12 +89,15 @@ TEST_F(MfibFanOut, reachesEveryOneOf600Interfaces) {
 
 // Ways that are remembered by their numbers are those of another route with the same ones only.
 TEST_F(MfibFanOut, keepsRoutesWithNearlyTheSameInterfacesApart) {
-  std::vector<std::vector<Oif>> lists = {oifs(0, 4),  oifs(0, 4),  oifs(0, 3), oifs(0, 5),
-                                         oifs(1, 4),  oifs(0, 8),  oifs(0, 9), oifs(0, 9),
-                                         oifs(0, 16), oifs(0, 16), oifs(0, 17)};
-  lists.push_back({lists[0].rbegin(), lists[0].rend()});
-  lists.push_back(oifs(0, 9));
-  lists.back().back() = oifs(20, 1)[0];  // differs behind the first eight
+  const std::vector<Oif> four = oifs(0, 4);
+  const std::vector<Oif> nine = oifs(0, 9);
+  std::vector<Oif> otherNine = nine;
+  otherNine.back() = oifs(20, 1)[0];  // differs behind the first eight
+  // What is next to each other is nearly the same.
+  const std::vector<std::vector<Oif>> lists = {
+      oifs(0, 3), four,        four,        {four.rbegin(), four.rend()},
+      oifs(1, 4), oifs(0, 8),  nine,        nine,
+      otherNine,  oifs(0, 16), oifs(0, 16), oifs(0, 17)};
   PacketCase row = flow_.row("alike", flow_.ip());
   const Route first = row.routes[0];
   row.routes.clear();
