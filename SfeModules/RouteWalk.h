@@ -130,7 +130,7 @@ void touch(const T& value) {
 inline void touchEntries(std::span<const FoundRoutes::Route> routes) {
   for (const auto& [key, entry] : routes) {
     touch(entry->iif);
-    touch(entry->createTime);
+    touch(entry->iifFrr);
   }
   for (const auto& [key, entry] : routes) {
     if (entry->numOifs > 0) {
