@@ -52,8 +52,9 @@ void putOifs(bess::StateTable& table, const MfibPvSet& entry) {
     entry.oifs()[i].appendTo(text);
     text += ':';
     std::array<char, 12> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-    text.append(digits.data(),
-                std::to_chars(digits.data(), digits.data() + digits.size(), entry.oifGates()[i]).ptr);
+    text.append(
+        digits.data(),
+        std::to_chars(digits.data(), digits.data() + digits.size(), entry.oifGates()[i]).ptr);
   }
 }
 
