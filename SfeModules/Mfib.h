@@ -339,7 +339,7 @@ class Mfib : public Module {
   NotificationCounts notifications_;  // likewise
   sfe::pb::MfibRouteArg routeArg_;    // control: of the route command that ran last
   ForwardingPass::WayCounters wayCounters_;
-  WayNumbers wayNumbers_;  // of every way out that a route has had
+  WayNumbers wayNumbers_;  // of the first ways out that routes have had
   static constexpr uint32_t kFewestBuckets = 128;
   uint32_t routeBuckets_ = kFewestBuckets;  // control: that the route table was last made to have
   // Written by control, before a route is in the table and after it is out: workers look for no

@@ -152,7 +152,8 @@ class QuietMemo {
 // The forwarding entry of one route. Its outgoing interfaces are behind it in the same memory, the
 // numbers of its ways out first.
 //
-// Layout     : what the packet path reads is one cache line, from `counters` to the numbers of the
+// Layout     : what the packet path mostly reads is one cache line, from `counters` to the numbers
+// of the
 //              first sixteen ways out; of an entry with more than about 300 it may be two.
 struct MfibPvSet {
   static constexpr uint32_t kWaysBeside = 16;

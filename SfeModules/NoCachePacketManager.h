@@ -152,6 +152,8 @@ class NoCachePacketManager {
   bool hasRoomFor(const MfibKey& key);
   bool store(std::unique_ptr<UnresolvedPacket> held);
 
+  bool routeArrived(const MfibKey& key);
+
   // All below: requires the packet queue's lock.
   UnresolvedList* listWithRoom(const MfibKey& key);
   bool isFull(const UnresolvedList& list) const {
@@ -163,8 +165,6 @@ class NoCachePacketManager {
   void countFreedOnIntf(const UnresolvedPacket& packet);
   void countFreedOnRoute(const UnresolvedPacket& packet);
   void removeFromList(UnresolvedPacket* packet);
-
-  bool routeArrived(const MfibKey& key);
 
   IntfSet& intfs_;
   RouteTable& routes_;

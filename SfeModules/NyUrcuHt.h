@@ -15,8 +15,11 @@
 // Ownership  : the table owns its nodes; values are copied out. A std::shared_ptr value that is
 //              copied and dropped inside one read side is never the last owner of its object.
 // Errors     : see the constructor and the destructor. Exhausted DPDK memory stops the process.
-// Cost       : find(): a CRC of the key, a line of the index and one of the node, or a chain walk
-//              where there is no index; no lock, no write. lookup() copies the value besides.
+// Cost       : find(): a CRC of the key, a line of the index and one of the node; a chain walk
+// where
+//              there is no index, while it is rearranged, and for a hash of which it has not all.
+//              No lock, no write. lookup() copies the value besides. An insertion or a removal may
+//              wait for the moment that another thread's takes at the same entry.
 // Invariants :
 //   (1) a key is in the table at most once at any moment; replacing it is one atomic step.
 //   (2) a node is complete before it can be found, and its key and value never change after.
@@ -24,7 +27,9 @@
 //       succeeded or the replacer that got it back.
 //   (4) no node is freed before every reader that might have found it had a quiescent state.
 //   (5) values are destroyed on RCU's call_rcu thread (deferred free), else on the remover's.
-//   (6) with an index or without, a look-up finds what is in the table at that moment.
+//   (6) with an index or without, a look-up finds what is in the table at that moment. An entry
+//   whose
+//       insertion has not returned may be found, or not, by each look-up anew.
 #pragma once
 
 #include <urcu-qsbr.h>
@@ -130,7 +135,7 @@ class NyRcuHt {
         index_(indexedEntries) {
     table_ = _cds_lfht_new(initialSize_, minBuckets, 0, CDS_LFHT_AUTO_RESIZE | CDS_LFHT_ACCOUNTING,
                            nullptr, &urcu_qsbr_flavor, nullptr);
-    // A replacement that waits for a grace period could not put its node into the index any more.
+    // The two together are untried: who needs an index does not wait for each removal.
     SFE_ASSERT(deferredFree_ || !index_.enabled());
     if (table_ == nullptr) {
       std::cerr << "Error allocating hash table" << std::endl;
@@ -365,11 +370,12 @@ class NyRcuHt {
   // Puts a node that this thread has linked into the index, and unlocks it.
   void indexNew(Node* node, uint32_t hash) {
     index_.add(node, hash);
-    node->unlock();
     if (!index_.enabled()) {
+      node->unlock();
       return;
     }
     const size_t entries = entries_.fetch_add(1, std::memory_order_relaxed) + 1;
+    node->unlock();
     if (index_.wantsRearranging(entries) &&
         !rearranging_.exchange(true, std::memory_order_acquire)) {
       index_.rearrange(entries, [this] { placeAll(); });
@@ -395,10 +401,10 @@ class NyRcuHt {
     if (cds_lfht_del(table_, &node->htNode) != 0) {
       return false;
     }
+    takeOwnership(node);
     if (index_.enabled()) {
       entries_.fetch_sub(1, std::memory_order_relaxed);
     }
-    takeOwnership(node);
     retire(node);
     return true;
   }

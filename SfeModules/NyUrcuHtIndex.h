@@ -206,12 +206,12 @@ class NyRcuHtIndex {
     }
     arrangement_.fetch_add(1, std::memory_order_seq_cst);
     for (size_t i = 0; i < before; ++i) {
-      overflows_[i].store(kNone, std::memory_order_relaxed);
+      overflows_[i].store(kNone, std::memory_order_release);
     }
-    newOverflows_.store(0, std::memory_order_relaxed);
     mask_.store(after - 1, std::memory_order_seq_cst);
     cmm_smp_mb();  // before the chains are read
     placeAll();
+    newOverflows_.store(0, std::memory_order_relaxed);  // those of now are not to be helped
     arrangement_.fetch_add(1, std::memory_order_seq_cst);
   }
 
@@ -317,5 +317,5 @@ class NyRcuHtIndex {
   size_t maxSets_ = 0;
   std::atomic<size_t> mask_{0};
   std::atomic<uint64_t> arrangement_{0};
-  std::atomic<size_t> newOverflows_{0};  // bytes' changes since the last rearrangement
+  std::atomic<size_t> newOverflows_{0};  // bytes' changes since the end of the last rearrangement
 };
