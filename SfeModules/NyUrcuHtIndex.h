@@ -11,14 +11,15 @@
 //              Any two may run at once.
 // RCU        : a reader uses what it finds in the read side in which it found it. A node is removed
 //              from here after it was unlinked and before call_rcu gets it.
-// Layout     : sets of one cache line with eight words; a word is 16 bits of the hash above the 48
-//              bits of a node's address, 0 when free. A node whose own set is full goes to the
-//              set beside it, and is left out when that is full too; a byte for each set tells of
-//              both. The number of sets in use doubles with the entries; the address range for the
-//              largest number is taken at once, its memory with its first use.
+// Layout     : sets of one cache line with eight words; a word is the upper 16 bits of the hash
+//              (the last one set) above the 48 bits of a node's address, 0 when free. A node whose
+//              own set is full goes to the set beside it, and is left out when that is full too; a
+//              byte for each set tells of both. The number of sets in use doubles with the entries;
+//              the address range for the largest number is taken at once, its memory with its first
+//              use.
 // Invariants :
 //   (1) a node is in at most one word, and node->place says in which; both change only while the
-//       node's owner has it locked (NyRcuHtNode::lock).
+//       node's owner has it locked (NyRcuHtNode::lock) or has unlinked it.
 //   (2) a word that is not free is changed by its node's owner alone.
 //   (3) while the index is not rearranged, a node that add() has returned for is in its own set, or
 //       in the one beside it and its own set's byte says so, or that byte says that one was left

@@ -21,6 +21,16 @@ struct Item {
 };
 using Index = NyRcuHtIndex<Item>;
 
+// With the first `count` of the items, as a table does it with its nodes.
+void rearrange(Index& index, std::vector<Item>& items, size_t count, uint32_t (*hashOf)(uint64_t)) {
+  index.rearrange(count, [&] {
+    for (size_t i = 0; i < count; ++i) {
+      index.remove(&items[i]);
+      index.add(&items[i], hashOf(items[i].key));
+    }
+  });
+}
+
 TEST(NyUrcuHtIndex, findsWhatWasAddedUntilItIsRemoved) {
   Index index(64);
   Item item{.key = 7};
@@ -193,12 +203,7 @@ TEST(NyUrcuHtIndex, isNotRearrangedWhereThatDoesNotHelp) {
     items[i].key = i;
     index.add(&items[i], hashOf(i));
     if (index.wantsRearranging(i + 1)) {
-      index.rearrange(i + 1, [&] {
-        for (uint64_t key = 0; key <= i; ++key) {
-          index.remove(&items[key]);
-          index.add(&items[key], hashOf(key));
-        }
-      });
+      rearrange(index, items, i + 1, hashOf);
       ++rearranged;
     }
   }
@@ -214,12 +219,7 @@ TEST(NyUrcuHtIndex, growsToItsLimitAndKeepsWhatMoves) {
     items[i].key = i;
     index.add(&items[i], hashOf(i));
     while (index.wantsRearranging(i + 1)) {
-      index.rearrange(i + 1, [&] {
-        for (uint64_t key = 0; key <= i; ++key) {
-          index.remove(&items[key]);
-          index.add(&items[key], hashOf(key));
-        }
-      });
+      rearrange(index, items, i + 1, hashOf);
       ++grown;
     }
   }
